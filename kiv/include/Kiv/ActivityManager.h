@@ -1,0 +1,112 @@
+#pragma once
+#include <limits>
+
+#include "Kiv/Export.h"
+#include "Kiv/Ptr.h"
+#include "Kiv/Types.h"
+
+namespace Kiv {
+
+class Loop;  // the dispatcher, private to libkiv
+
+/// The loop's clock: tells its notifiees when their time has come.
+/// Times are seconds of System::currentTime(): monotonic, with the virtual offset.
+class KIV_API Clock final : public PtrInterface {
+ public:
+  class Notifiee;
+
+  /// The latest time that anybody took (a pass, an arming, currentTime()); needs no clock read.
+  double latestTime() const;
+
+ private:
+  friend class ActivityManager;
+  explicit Clock(Loop& loop) : loop_(loop) {}
+  ~Clock() override;
+  Loop& loop_;
+};
+
+/// One timer. Disarmed until timeMinIs(); fires once per arming and is then disarmed.
+///
+/// Arming, disarming and firing are O(log n) or better, allocate nothing, and need no system
+/// call. Notifiees due in one pass are called in the order of their deadlines, equal deadlines
+/// in the order of arming. Belongs to the thread that runs the loop. May be destroyed, disarmed
+/// or re-armed from inside any reaction.
+class KIV_API Clock::Notifiee : public PtrInterface::NotifieeConst {
+ public:
+  /// Joins `clock`, disarmed.
+  explicit Notifiee(Ptr<Clock> clock);
+
+  /// Earliest wake-up, positive infinity while disarmed.
+  double timeMin() const { return timeMin_; }
+  /// Arms for that time, replacing an earlier one. Positive infinity disarms; a time that is not
+  /// later than the latest reading, or not a number, is due in the next pass.
+  /// Never called early, never in the pass in which it was armed.
+  ///
+  /// Disarmed while its pass is under way and its call still to come, it is called all the same
+  /// and finds timeMin() infinite: so an owner that has gone can be noticed.
+  void timeMinIs(double seconds);
+  /// Arms for the latest time taken, so for the next pass: what a zero delay means, for the
+  /// price of two pointers.
+  void timeMinIsNow();
+
+  Clock& clock() const { return *clock_; }
+
+  /// The time has come. timeMin() is still the deadline while this runs, and becomes infinite
+  /// on return unless armed anew; reset it first where that matters.
+  virtual void onTime() = 0;
+
+ protected:
+  ~Notifiee() override;
+  void onZeroReferences() override;
+
+ private:
+  friend class Loop;
+  friend class TimerQueue;
+  Ptr<Clock> clock_;
+  double timeMin_ = std::numeric_limits<double>::infinity();
+  S64 deadline_ = 0;          // ns; exact form of timeMin_, rounded up
+  U64 armed_ = 0;             // order of arming, for equal deadlines
+  Notifiee* next_ = nullptr;  // in the due list or the batch
+  Notifiee* prev_ = nullptr;
+  U32 heapIndex_ = 0;
+  enum class Place : unsigned char { none, heap, due, batch } place_ = Place::none;
+  bool zeroReferences_ = false;  // the batch deletes it when its turn comes
+};
+
+/// The process's event loop and its configuration. Made on first use, never destroyed. One
+/// thread at a time: the main thread's, by convention.
+class KIV_API ActivityManager final {
+ public:
+  /// What the next run shall do.
+  class KIV_API Config final {
+   public:
+    Ptr<Clock> clock() const;
+    /// How long the next run may last, in seconds of currentTime(); infinite unless set, and
+    /// again after each run. A finite one lasts its time even with nothing else to wait for.
+    /// Negative or not a number counts as zero.
+    void executionTimeIs(double seconds);
+    double executionTime() const;
+    /// Virtual time: with nothing due and nothing ready the clock jumps to the next deadline, or
+    /// to the end of the run. Switched off, time goes on from where it is.
+    void virtualTimeIs(bool on);
+    bool virtualTime() const;
+
+   private:
+    friend class ActivityManager;
+    explicit Config(Loop& loop) : loop_(loop) {}
+    Loop& loop_;
+  };
+
+  static ActivityManager& instance();
+  Config& config();
+
+ private:
+  friend class System;
+  friend class FileDescriptor;
+  ActivityManager();
+  Loop& loop_;
+  Config config_;
+  Ptr<Clock> clock_;
+};
+
+}  // namespace Kiv

@@ -1,0 +1,28 @@
+#pragma once
+#include "Kiv/Export.h"
+
+namespace Kiv {
+
+/// Running the process's loop.
+class KIV_API System final {
+ public:
+  /// Runs until nothing is armed and nobody waits for a descriptor, until the execution time is
+  /// over, or until doStop(): 0. Called from inside a run: -1 at once. An exception that a
+  /// notifiee left unanswered leaves doRun; the next run goes on with what was not delivered.
+  ///
+  /// One pass:
+  ///  1. take the time;
+  ///  2. take the batch of notifiees due, by deadline, then by order of arming;
+  ///  3. ask the kernel for ready descriptors, waiting only when nothing is due;
+  ///  4. call onTime() once for each of the batch;
+  ///  5. count and notify each ready descriptor whose interest still stands.
+  /// While zero delays keep passes busy, steps 1 and 3 are done at bounded intervals only: see
+  /// the bound in the library's README.
+  static int doRun();
+  /// Ends the run after the present reaction, or the next run as it starts.
+  static void doStop();
+  /// Seconds: a monotonic clock plus the virtual offset. Never goes back.
+  static double currentTime();
+};
+
+}  // namespace Kiv

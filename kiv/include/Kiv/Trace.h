@@ -1,0 +1,94 @@
+#pragma once
+#include <deque>
+#include <iosfwd>
+#include <string>
+
+#include "Kiv/Export.h"
+#include "Kiv/Name.h"
+#include "Kiv/Types.h"
+
+namespace Kiv {
+
+/// One trace category: its name and its 32 levels, bit n for level n.
+/// One per name, shared by every handle of that name, never destroyed.
+/// The level word is read without a lock by every trace statement: a change is seen at once, or
+/// one statement late.
+class KIV_API TraceFacility final {
+ public:
+  Name name() const { return name_; }
+  /// The live level word, valid for ever.
+  U32 const* levelsEnabledPtr() const { return &levels_; }
+  /// Switches one level, 0 to 31; any other throws RangeException.
+  void levelEnabledIs(unsigned level, bool on);
+
+ private:
+  friend class TraceFacilityManager;
+  explicit TraceFacility(Name name, U32 levels) : name_(name), levels_(levels) {}
+  Name name_;
+  U32 levels_;  // written with __atomic builtins, read plainly through levelsEnabledPtr()
+};
+
+/// What code holds to trace under a name. Making one finds or makes the facility.
+class KIV_API TraceHandle {
+ public:
+  /// `initialLevels` counts only for the first handle of the name; TRACE is applied on top.
+  TraceHandle(std::string const& name, U32 initialLevels);
+  TraceFacility* facility() const { return facility_; }
+
+ private:
+  TraceFacility* facility_;
+};
+
+/// One entry of TRACE, as it was written, without the blanks around it.
+class KIV_API TraceSetting final {
+ public:
+  /// Parses `["-"] name ["/" levels]`; malformed text throws RangeException, which says where.
+  explicit TraceSetting(std::string const& text);
+  bool matches(Name name) const;
+  /// `levels` with this setting applied.
+  U32 applied(U32 levels) const;
+  std::string const& text() const { return text_; }
+
+ private:
+  std::string text_;
+  std::string pattern_;
+  U32 mask_ = 0;
+  bool on_ = true;
+};
+
+KIV_API std::ostream& operator<<(std::ostream& os, TraceSetting const& setting);
+
+/// All facilities of the process and the settings that TRACE and TRACEFORMAT ask for.
+/// Made by the first handle, reads the environment as it is made, is never destroyed.
+/// Its operations lock; the environment itself is the caller's to guard (setenv is not safe
+/// against getenv in another thread).
+class KIV_API TraceFacilityManager final {
+ public:
+  static TraceFacilityManager& instance();
+
+  /// Reads TRACE and TRACEFORMAT again: replaces the settings and applies each in order on top
+  /// of the live levels. A malformed entry is noted once on standard error and skipped.
+  void doReadEnvironment();
+  /// A copy of the settings in force, in the order of TRACE.
+  std::deque<TraceSetting> settings() const;
+
+  /// The process's value of an environment variable, "" when it is not set.
+  static std::string environment(char const* variable);
+  /// Sets it, overwriting.
+  static void environmentIs(char const* variable, std::string const& value);
+
+ private:
+  friend class TraceHandle;
+  TraceFacilityManager();
+  TraceFacility* _facility(Name name, U32 initialLevels);
+  struct Impl;
+  Impl* impl_;
+};
+
+/// Writes one record in the format of TRACEFORMAT to standard error, in one write(2), so that
+/// threads and processes never mix lines. A newline is added when `flag` bit 0 is set and the
+/// record has none. A null file, function or text counts as empty. errno is kept.
+KIV_API void traceHelper(TraceHandle const& handle, unsigned level, int flag, char const* file,
+                         int line, char const* function, char const* text);
+
+}  // namespace Kiv

@@ -1,0 +1,35 @@
+#pragma once
+#include <cxxabi.h>
+
+#include "Kiv/Ptr.h"
+
+namespace Kiv {
+
+/// One call of a reaction, with the rule for what it throws: the notifiee is asked from inside
+/// the catch block, and what it leaves unanswered goes on to the caller.
+class Notification final {
+ public:
+  template <typename Reaction>
+  static void deliver(PtrInterface::NotifieeConst& notifiee, Reaction&& reaction) {
+    try {
+      reaction();
+    } catch (abi::__forced_unwind&) {
+      throw;  // a thread being cancelled; swallowing it ends the process
+    } catch (...) {
+      Notification notification;
+      notifiee.onNotificationException();
+      if (notification.unanswered_) throw;
+    }
+  }
+
+  /// What the default reaction does to the innermost notification; nothing outside of one.
+  static void unansweredIs();
+
+ private:
+  Notification();
+  ~Notification();
+  Notification* const outer_;
+  bool unanswered_ = false;
+};
+
+}  // namespace Kiv
