@@ -27,7 +27,10 @@ class VELTRO_API Platform::DebugHandler {
                     char const* function) = 0;
 
   std::string const& name() const { return name_; }
-  bool levelEnabled(unsigned level) const { return (*levelsEnabled_ & (1u << level)) != 0; }
+  /// One load and one test. Relaxed: another thread may switch levels meanwhile.
+  bool levelEnabled(unsigned level) const {
+    return (__atomic_load_n(levelsEnabled_, __ATOMIC_RELAXED) & (1u << level)) != 0;
+  }
 
   U32 const ownLevels_ = 0;   // all off: where levelsEnabled_ points with no live mask
   U32 const* levelsEnabled_;  // read by every trace statement
@@ -123,7 +126,7 @@ class VELTRO_API DebugSupport {
 #define VELTRO_TRACE(handler, level, text)                                        \
   do {                                                                            \
     ::Veltro::Platform::DebugHandler& veltroHandler = (handler);                  \
-    if (*veltroHandler.levelsEnabled_ & (1u << (level))) {                        \
+    if (veltroHandler.levelEnabled(level)) {                                      \
       ::Veltro::Platform::DebugStream veltroStream;                               \
       veltroStream << text;                                                       \
       veltroHandler.dump(veltroStream, (level), kSourceFile, __LINE__, __func__); \

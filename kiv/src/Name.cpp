@@ -17,7 +17,10 @@ std::string const* interned(std::string const& text) {
 
 }  // namespace
 
-Name::Name() : text_(interned("")) {}
+Name::Name() {
+  static std::string const* const empty = interned("");
+  text_ = empty;
+}
 Name::Name(char const* text) : text_(interned(text == nullptr ? "" : text)) {}
 Name::Name(std::string const& text) : text_(interned(text)) {}
 

@@ -16,7 +16,8 @@ namespace Kiv {
 class KIV_API TraceFacility final {
  public:
   Name name() const { return name_; }
-  /// The live level word, valid for ever.
+  /// The live level word, valid for ever. Other threads change it with relaxed atomic operations:
+  /// read it as `__atomic_load_n(pointer, __ATOMIC_RELAXED)`, which is one plain load.
   U32 const* levelsEnabledPtr() const { return &levels_; }
   /// Switches one level, 0 to 31; any other throws RangeException.
   void levelEnabledIs(unsigned level, bool on);
@@ -25,7 +26,7 @@ class KIV_API TraceFacility final {
   friend class TraceFacilityManager;
   explicit TraceFacility(Name name, U32 levels) : name_(name), levels_(levels) {}
   Name name_;
-  U32 levels_;  // written with __atomic builtins, read plainly through levelsEnabledPtr()
+  U32 levels_;  // a plain word for its readers' sake, touched by __atomic builtins only
 };
 
 /// What code holds to trace under a name. Making one finds or makes the facility.
@@ -42,7 +43,9 @@ class KIV_API TraceHandle {
 /// One entry of TRACE, as it was written, without the blanks around it.
 class KIV_API TraceSetting final {
  public:
-  /// Parses `["-"] name ["/" levels]`; malformed text throws RangeException, which says where.
+  /// Parses `["-"] name ["/" levels]`. In the name `*` stands for any run of characters; levels are
+  /// `N`, `N-M` or `*`, all 32 when left out; what follows the last "/" is always the levels.
+  /// Malformed text throws RangeException, which names the text and what is wrong with it.
   explicit TraceSetting(std::string const& text);
   bool matches(Name name) const;
   /// `levels` with this setting applied.
@@ -60,14 +63,15 @@ KIV_API std::ostream& operator<<(std::ostream& os, TraceSetting const& setting);
 
 /// All facilities of the process and the settings that TRACE and TRACEFORMAT ask for.
 /// Made by the first handle, reads the environment as it is made, is never destroyed.
-/// Its operations lock; the environment itself is the caller's to guard (setenv is not safe
-/// against getenv in another thread).
+/// Its operations lock, and may be called from any thread; the environment itself is the caller's
+/// to guard (setenv is not safe against getenv in another thread).
 class KIV_API TraceFacilityManager final {
  public:
   static TraceFacilityManager& instance();
 
   /// Reads TRACE and TRACEFORMAT again: replaces the settings and applies each in order on top
-  /// of the live levels. A malformed entry is noted once on standard error and skipped.
+  /// of the live levels. A malformed entry is noted on standard error, once in the life of the
+  /// process, and skipped.
   void doReadEnvironment();
   /// A copy of the settings in force, in the order of TRACE.
   std::deque<TraceSetting> settings() const;
@@ -85,9 +89,16 @@ class KIV_API TraceFacilityManager final {
   Impl* impl_;
 };
 
-/// Writes one record in the format of TRACEFORMAT to standard error, in one write(2), so that
-/// threads and processes never mix lines. A newline is added when `flag` bit 0 is set and the
-/// record has none. A null file, function or text counts as empty. errno is kept.
+/// Writes one record to standard error, in the format of TRACEFORMAT: `%T` local time
+/// HH:MM:SS.uuuuuu, `%p` process, `%t` thread, `%n` category, `%l` level, `%f` file, `%L` line,
+/// `%F` function, `%m` text, `%%` a percent sign; anything else stands for itself. An empty format
+/// is
+/// "%T %p %n/%l %F: %m". Bit 0 of `flag` asks for a newline where the record does not end in one.
+///
+/// A record is one write(2), so threads and processes never mix lines; on a pipe the kernel
+/// promises that up to PIPE_BUF (4096) bytes, and splits longer ones only when the pipe is full.
+/// Takes no lock. A null file, function or text counts as empty. errno is kept; a record that
+/// standard error does not take is dropped.
 KIV_API void traceHelper(TraceHandle const& handle, unsigned level, int flag, char const* file,
                          int line, char const* function, char const* text);
 
