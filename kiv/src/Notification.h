@@ -16,10 +16,15 @@ class Notification final {
     } catch (abi::__forced_unwind&) {
       throw;  // a thread being cancelled; swallowing it ends the process
     } catch (...) {
-      Notification notification;
-      notifiee.onNotificationException();
-      if (notification.unanswered_) throw;
+      if (!answers(notifiee)) throw;
     }
+  }
+
+  /// Asks the notifiee, from inside a catch block; false when it leaves the exception unanswered.
+  static bool answers(PtrInterface::NotifieeConst& notifiee) {
+    Notification notification;
+    notifiee.onNotificationException();
+    return !notification.unanswered_;
   }
 
   /// What the default reaction does to the innermost notification; nothing outside of one.

@@ -1,0 +1,209 @@
+#include "Kiv/Entity.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "tests/kiv/Lamp.h"
+
+namespace Kiv {
+namespace {
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+using Calls = std::vector<std::string>;
+
+/// Writes down each reaction, then does what it was told to.
+struct Watch : Lamp::Notifiee {
+  Watch(Ptr<Lamp> const& lamp, std::string theName, Calls& theCalls)
+      : Lamp::Notifiee(lamp), name(std::move(theName)), calls(theCalls) {}
+  void onLevel() override { react(std::to_string(notifier().level())); }
+  void onRoom(String const& key) override { react(key.stdString()); }
+  void react(std::string const& what) {
+    calls.push_back(name + what);
+    auto const reaction = then;  // a copy, which outlives this
+    if (reaction) reaction();
+  }
+  void onNotificationException() override {
+    calls.push_back(name + "!");
+    if (!answers) Lamp::Notifiee::onNotificationException();
+  }
+  std::string const name;
+  Calls& calls;
+  std::function<void()> then;
+  bool answers = true;
+};
+
+struct EntityTest : testing::Test {
+  Ptr<Watch> watch(char const* name) { return allocate<Watch>(lamp, name, calls); }
+  Calls calls;
+  Ptr<Lamp> lamp = allocate<Lamp>("lamp");
+  Ptr<Watch> a = watch("a"), b = watch("b"), c = watch("c"), d;
+};
+
+TEST_F(EntityTest, tellsOfChangesOnlyInOrderOfJoining) {
+  lamp->level.is(5);
+  EXPECT_THAT(calls, IsEmpty());
+  lamp->level.is(6);
+  b = nullptr;
+  d = watch("d");
+  lamp->level.is(7);
+  EXPECT_THAT(calls, ElementsAre("a6", "b6", "c6", "a7", "c7", "d7"));
+}
+
+TEST_F(EntityTest, collectionsTellTheKey) {
+  b = c = nullptr;
+  lamp->room.is("x", 1);
+  lamp->room.is("x", 1);
+  lamp->room.is("x", 2);
+  lamp->room.is("", 0);
+  EXPECT_EQ(2u, lamp->room("x"));
+  EXPECT_EQ(0u, lamp->room("y"));
+  EXPECT_EQ(0u, lamp->room.del("y"));
+  EXPECT_EQ(2u, lamp->room.del("x"));
+  lamp->room.is("z", 3);
+  lamp->room.delAll();
+  EXPECT_TRUE(lamp->room.all().empty());
+  EXPECT_THAT(calls, ElementsAre("ax", "ax", "a", "ax", "az", "a", "az"));
+}
+
+TEST_F(EntityTest, whatReactionsMayDo) {
+  struct {
+    char const* name;
+    std::function<void()> then;
+    Calls calls;
+  } const cases[] = {
+      {"go", [&] { a = nullptr; }, {"a6", "b6", "c6"}},
+      {"remove the next one", [&] { b = nullptr; }, {"a6", "c6"}},
+      {"remove all others", [&] { b = c = nullptr; }, {"a6"}},
+      {"remove all", [&] { a = b = c = nullptr; }, {"a6"}},
+      {"let the entity go",
+       [&] {
+         a = b = c = nullptr;
+         lamp = nullptr;
+       },
+       {"a6"}},
+      {"add one, who hears of the next change", [&] { d = watch("d"); }, {"a6", "b6", "c6"}},
+      {"go and come back behind the others",
+       [&] {
+         a = nullptr;
+         a = watch("A");
+       },
+       {"a6", "b6", "c6"}},
+      {"change it again", [&] { lamp->level.is(9); }, {"a6", "a9", "b9", "c9", "b9", "c9"}},
+      {"remove the next one within a nested change",
+       [&] {
+         if (lamp->level() == 9) b = nullptr;
+         lamp->level.is(9);
+       },
+       {"a6", "a9", "c9", "c9"}},
+      {"let the entity go within a nested change",
+       [&] {
+         a->then = [&] {
+           a = b = c = nullptr;
+           lamp = nullptr;
+         };
+         lamp->level.is(9);
+       },
+       {"a6", "a9"}},
+      {"throw, and answer", [&] { throw RangeException("x"); }, {"a6", "a!", "b6", "c6"}},
+      {"die throwing, unable to answer",
+       [&] {
+         a = nullptr;
+         throw RangeException("x");
+       },
+       {"a6", "b6", "c6", "thrown x"}},
+      {"let all go, throwing",
+       [&] {
+         a = b = c = nullptr;
+         lamp = nullptr;
+         throw RangeException("x");
+       },
+       {"a6", "thrown x"}},
+      {"leave the exception unanswered: the others are told first",
+       [&] {
+         a->answers = false;
+         throw RangeException("x");
+       },
+       {"a6", "a!", "b6", "c6", "thrown x"}},
+      {"the first of two unanswered ones is thrown",
+       [&] {
+         a->answers = b->answers = false;
+         b->then = [] { throw RangeException("y"); };
+         throw RangeException("x");
+       },
+       {"a6", "a!", "b6", "b!", "c6", "thrown x"}},
+  };
+  for (auto const& example : cases) {
+    SCOPED_TRACE(example.name);
+    a = b = c = d = nullptr;
+    lamp = allocate<Lamp>("lamp");
+    a = watch("a"), b = watch("b"), c = watch("c");
+    calls.clear();
+    a->then = example.then;
+    try {
+      lamp->level.is(6);
+    } catch (RangeException const& thrown) {
+      calls.push_back(std::string("thrown ") + thrown.what());
+    }
+    EXPECT_EQ(example.calls, calls);
+  }
+}
+
+TEST_F(EntityTest, collectionEndingUnderItsOwnDeletion) {
+  lamp->room.is("x", 1);
+  lamp->room.is("y", 2);
+  calls.clear();
+  a->then = [&] {
+    a = b = c = nullptr;
+    lamp = nullptr;
+  };
+  lamp->room.delAll();
+  EXPECT_THAT(calls, ElementsAre("ax"));
+}
+
+TEST_F(EntityTest, notifieesKeepTheEntityAndNeedOne) {
+  Lamp* const raw = lamp.ptr();
+  lamp = nullptr;
+  raw->level.is(8);
+  EXPECT_THAT(calls, ElementsAre("a8", "b8", "c8"));
+  EXPECT_THROW(watch("x"), RangeException);
+}
+
+TEST(QueueTest, indicesGrowAndEnd) {
+  Ptr<Lamp> const lamp = allocate<Lamp>("lamp");
+  auto& queue = lamp->waiting;
+  EXPECT_EQ(0u, queue.deq());
+  EXPECT_EQ(1u, queue.metadata().head);
+  EXPECT_EQ(1u, queue.enq(10));
+  EXPECT_EQ(2u, queue.enq(20));
+  EXPECT_EQ(3u, queue.enq(30));
+  EXPECT_EQ(20u, queue.del(2));
+  EXPECT_EQ(0u, queue.del(2));
+  queue.is(3, 33);
+  EXPECT_EQ(10u, queue.deq());
+  EXPECT_EQ(3u, queue.metadata().head);
+  queue.is(2, 22);
+  EXPECT_EQ(22u, queue(2));
+  EXPECT_THROW(queue.is(0, 1), RangeException);
+  EXPECT_THROW(queue.is(4, 1), RangeException);
+  EXPECT_THROW(queue.metadataIs({1, 2}), RangeException);
+  queue.metadataIs({3, 0xfffffffe});
+  EXPECT_EQ(0xffffffffu, queue.enq(40));
+  try {
+    queue.enq(50);
+    ADD_FAILURE() << "an index was given out twice";
+  } catch (RangeException const& full) {
+    EXPECT_STREQ("linkqueue index space full", full.what());
+  }
+  EXPECT_EQ(33u, queue.deq());
+  EXPECT_EQ(40u, queue.deq());
+  EXPECT_TRUE(queue.empty());
+  EXPECT_THROW(queue.enq(60), RangeException);
+}
+
+}  // namespace
+}  // namespace Kiv
