@@ -11,7 +11,8 @@ class Model;
 /// A counted object whose state is attributes, collections and queues, whose changes arrive as
 /// notifications, and which one table (Model.h) describes to reflection and the attribute log.
 ///
-/// Made with allocate<T>(), held by Ptr. Used on one thread; nothing is locked. An entity nests a
+/// Made with allocate<T>(), held by Ptr; its constructor must not make a Ptr to it, which would be
+/// the last one when it goes. Used on one thread; nothing is locked. An entity nests a
 /// class `Notifiee`, derived from NotifieeOf<T>, with an empty virtual reaction for each change it
 /// tells of: `onX()` for the attribute x, `onX(key)` for the collection x.
 class KIV_API Entity : public PtrInterface {

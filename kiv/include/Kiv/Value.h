@@ -128,7 +128,7 @@ struct ValueType<T, std::enable_if_t<std::is_integral_v<T> && !std::is_same_v<T,
     if (U64 const* const natural = value.natural()) {
       if (*natural <= U64(std::numeric_limits<T>::max())) return T(*natural);
     } else if (S64 const* const negative = value.negative()) {
-      if (std::is_signed_v<T> && *negative >= S64(std::numeric_limits<T>::min())) {
+      if (*negative >= S64(std::numeric_limits<T>::min())) {
         return T(*negative);
       }
     }
