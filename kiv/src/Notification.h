@@ -9,14 +9,16 @@ namespace Kiv {
 /// the catch block, and what it leaves unanswered goes on to the caller.
 class Notification final {
  public:
-  template <typename Reaction>
-  static void deliver(PtrInterface::NotifieeConst& notifiee, Reaction&& reaction) {
+  /// A reaction may destroy its notifiee: it is asked only when `alive()` says so after the
+  /// throw. Nobody is there to answer for one that is gone.
+  template <typename Reaction, typename Alive>
+  static void deliver(PtrInterface::NotifieeConst& notifiee, Reaction&& reaction, Alive&& alive) {
     try {
       reaction();
     } catch (abi::__forced_unwind&) {
       throw;  // a thread being cancelled; swallowing it ends the process
     } catch (...) {
-      if (!answers(notifiee)) throw;
+      if (!alive() || !answers(notifiee)) throw;
     }
   }
 

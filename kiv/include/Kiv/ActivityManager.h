@@ -15,7 +15,7 @@ class KIV_API Clock final : public PtrInterface {
  public:
   class Notifiee;
 
-  /// The latest time that anybody took (a pass, an arming, currentTime()); needs no clock read.
+  /// The latest time that anybody took (a pass, currentTime()); needs no clock read.
   double latestTime() const;
 
  private:
@@ -30,10 +30,11 @@ class KIV_API Clock final : public PtrInterface {
 /// Arming, disarming and firing are O(log n) or better, allocate nothing, and need no system
 /// call. Notifiees due in one pass are called in the order of their deadlines, equal deadlines
 /// in the order of arming. Belongs to the thread that runs the loop. May be destroyed, disarmed
-/// or re-armed from inside any reaction.
+/// or re-armed from inside any reaction; one whose last reference goes while its call is under
+/// way or about to come is destroyed after that call.
 class KIV_API Clock::Notifiee : public PtrInterface::NotifieeConst {
  public:
-  /// Joins `clock`, disarmed.
+  /// Joins `clock`, disarmed. The only operation here that allocates.
   explicit Notifiee(Ptr<Clock> clock);
 
   /// Earliest wake-up, positive infinity while disarmed.
@@ -43,10 +44,11 @@ class KIV_API Clock::Notifiee : public PtrInterface::NotifieeConst {
   /// Never called early, never in the pass in which it was armed.
   ///
   /// Disarmed while its pass is under way and its call still to come, it is called all the same
-  /// and finds timeMin() infinite: so an owner that has gone can be noticed.
+  /// and finds timeMin() infinite: so an owner that has gone can be noticed. Armed anew in that
+  /// state it waits for its new time and is called once.
   void timeMinIs(double seconds);
-  /// Arms for the latest time taken, so for the next pass: what a zero delay means, for the
-  /// price of two pointers.
+  /// Arms for the latest time taken, so for the next pass: what a zero delay means, without a
+  /// clock read and at a cost that does not depend on how many others are armed.
   void timeMinIsNow();
 
   Clock& clock() const { return *clock_; }
@@ -61,16 +63,20 @@ class KIV_API Clock::Notifiee : public PtrInterface::NotifieeConst {
 
  private:
   friend class Loop;
+  friend class TimerHeap;
+  friend class TimerList;
   friend class TimerQueue;
-  Ptr<Clock> clock_;
+  /// Where it waits. The two lists take turns at being the due list and the batch.
+  enum class Place : unsigned char { none, heap, firstList, secondList };
+
+  Ptr<Clock> const clock_;
   double timeMin_ = std::numeric_limits<double>::infinity();
-  S64 deadline_ = 0;          // ns; exact form of timeMin_, rounded up
-  U64 armed_ = 0;             // order of arming, for equal deadlines
-  Notifiee* next_ = nullptr;  // in the due list or the batch
-  Notifiee* prev_ = nullptr;
-  U32 heapIndex_ = 0;
-  enum class Place : unsigned char { none, heap, due, batch } place_ = Place::none;
-  bool zeroReferences_ = false;  // the batch deletes it when its turn comes
+  U64 armed_ = 0;  // order of arming, for equal deadlines
+  Notifiee* next_ = nullptr;
+  Notifiee* previous_ = nullptr;
+  U32 slot_ = 0;  // its number in the heap's tables
+  Place place_ = Place::none;
+  bool released_ = false;  // without references since it is in the batch
 };
 
 /// The process's event loop and its configuration. Made on first use, never destroyed. One
@@ -98,15 +104,12 @@ class KIV_API ActivityManager final {
   };
 
   static ActivityManager& instance();
-  Config& config();
+  Config& config() { return config_; }
 
  private:
-  friend class System;
-  friend class FileDescriptor;
   ActivityManager();
-  Loop& loop_;
   Config config_;
-  Ptr<Clock> clock_;
+  Ptr<Clock> const clock_;
 };
 
 }  // namespace Kiv

@@ -1,5 +1,4 @@
 #pragma once
-#include "Kiv/ActivityManager.h"
 #include "Kiv/Export.h"
 #include "Kiv/Name.h"
 #include "Kiv/Ptr.h"
@@ -11,8 +10,9 @@ namespace Kiv {
 /// every look at the descriptors counts it and calls its notifiee.
 ///
 /// Never owns the descriptor and never closes it; take it off (descriptorIs(-1)) before closing.
-/// Several entities may watch one descriptor number. Belongs to the thread that runs the loop;
-/// may be destroyed or changed from inside any reaction.
+/// Several entities may watch one descriptor number and are called in the order in which they
+/// joined it. Belongs to the thread that runs the loop; may be destroyed or changed from inside
+/// any reaction.
 class KIV_API FileDescriptor final : public PtrInterface {
  public:
   class Notifiee;
@@ -22,7 +22,8 @@ class KIV_API FileDescriptor final : public PtrInterface {
   Name name() const { return name_; }
   /// The watched descriptor, -1 when none.
   int descriptor() const { return descriptor_; }
-  /// Watches `descriptor` from now on, with the interests that are on; -1 watches none.
+  /// Watches `descriptor` from now on, with the interests that are on; -1 watches none. The
+  /// number that is watched already is looked up afresh: it may belong to another file by now.
   /// One that cannot be watched (closed, a regular file, a directory) throws ErrnoException and
   /// leaves the entity with none.
   void descriptorIs(int descriptor);
@@ -34,7 +35,10 @@ class KIV_API FileDescriptor final : public PtrInterface {
 
   bool notifyOnReadable() const { return notifyOnReadable_; }
   bool notifyOnWritable() const { return notifyOnWritable_; }
-  /// Interests, both off at first. Hang-up and error count as readable and as writable.
+  /// Interests, both off at first. Hang-up and error count as readable and as writable; with
+  /// both interests off nothing is asked of the kernel, so that a peer that has gone costs
+  /// nothing. Switching on what the kernel refuses (the descriptor was closed) throws
+  /// ErrnoException and leaves the interest off; switching off never throws.
   void notifyOnReadableIs(bool on);
   void notifyOnWritableIs(bool on);
 
@@ -46,10 +50,12 @@ class KIV_API FileDescriptor final : public PtrInterface {
   ~FileDescriptor() override;
 
  private:
-  friend class Notifiee;
-  friend class Loop;
   friend class Poller;
-  Name name_;
+  void _interestIs(bool FileDescriptor::*interest, bool on);
+  void _makeNonBlocking(int descriptor) const;
+  U32 _interests() const;
+
+  Name const name_;
   int descriptor_ = -1;
   bool nonBlocking_ = false;
   bool notifyOnReadable_ = false;
@@ -58,23 +64,27 @@ class KIV_API FileDescriptor final : public PtrInterface {
   U32 writableCount_ = 0;
   Notifiee* notifiee_ = nullptr;
   FileDescriptor* nextOfDescriptor_ = nullptr;  // others that watch the same number
+  U32 joinedAt_ = 0;  // the look that was the latest one when it joined its number
 };
 
-/// The one reactor of a FileDescriptor.
+/// The one reactor of a FileDescriptor. One whose last reference goes while its reaction runs is
+/// destroyed after it.
 class KIV_API FileDescriptor::Notifiee : public PtrInterface::NotifieeConst {
  public:
   /// Joins `entity`, which must have no other notifiee (RangeException).
   explicit Notifiee(Ptr<FileDescriptor> entity);
   FileDescriptor& notifier() const { return *notifier_; }
 
+  /// The count has gone up by one.
   virtual void onReadableCount() {}
   virtual void onWritableCount() {}
 
  protected:
   ~Notifiee() override;
+  void onZeroReferences() override;
 
  private:
-  Ptr<FileDescriptor> notifier_;
+  Ptr<FileDescriptor> const notifier_;
 };
 
 }  // namespace Kiv

@@ -1,0 +1,128 @@
+#include "Loop.h"
+
+#include <cmath>
+#include <utility>
+
+#include "Kiv/TimeStampCounter.h"
+
+namespace Kiv {
+
+/// Marks the run, and undoes on every exit what holds for one run only.
+class Loop::Run final {
+ public:
+  explicit Run(Loop& loop) : loop_(loop) {
+    loop.running_ = true;
+    loop.end_ = loop.now() + loop.executionTime_;
+    loop.passesLeft_ = 1;  // the first pass looks: much may have happened since the last run
+  }
+  Run(Run const&) = delete;
+  ~Run() {
+    loop_.running_ = false;
+    loop_.stop_ = false;
+    loop_.executionTime_ = kInfinity;
+  }
+
+ private:
+  Loop& loop_;
+};
+
+Loop& Loop::instance() {
+  static Loop* const loop = new Loop;
+  return *loop;
+}
+
+int Loop::run() {
+  if (running_) return -1;
+  Run const run(*this);
+  while (!stop_ && _pass()) {
+  }
+  return 0;
+}
+
+/// False when the run is over.
+bool Loop::_pass() {
+  bool const resumed = cut_;
+  cut_ = true;
+  if (resumed) {
+    _look();  // and no new batch: first what the cut kept from its turn
+  } else {
+    if (_nothingDue()) {
+      if (!_waitForWork()) return cut_ = false;
+    } else if (_lookIsDue()) {
+      _look();
+    }
+    timers_.take(clock_.latest());
+  }
+  _callBatch();
+  if (poller_.ready()) poller_.serve(reaction_, stop_);
+  cut_ = stop_;
+  return clock_.latest() < end_;
+}
+
+/// Nothing is due: waits for a descriptor, the next deadline or the end of the run. False when
+/// there is nothing to wait for.
+bool Loop::_waitForWork() {
+  double const deadline = std::fmin(timers_.earliest(), end_);
+  if (deadline == kInfinity) {
+    if (!poller_.watching()) return false;
+    poller_.look(kInfinity);
+  } else if (virtual_) {
+    _jumpUnlessReady(deadline);
+  } else {
+    poller_.look(deadline - clock_.read());
+    clock_.read();
+  }
+  _looked();
+  return true;
+}
+
+void Loop::_jumpUnlessReady(double deadline) {
+  bool const ready = poller_.watching() && poller_.look(0);
+  if (!ready && clock_.read() < deadline) clock_.jump(deadline);
+}
+
+/// For passes that have work: one compare for each reason to look. The rate not known, a counter
+/// that has not moved and one that has gone back all count as much time gone by.
+bool Loop::_lookIsDue() {
+  U32 const elapsed = static_cast<U32>(TimeStampCounter::now()) - lookedAt_;
+  return elapsed - 1 >= ticksPerLook_ - 1 || --passesLeft_ == 0;
+}
+
+void Loop::_look() {
+  if (poller_.watching()) poller_.look(0);
+  clock_.read();
+  _looked();
+}
+
+void Loop::_looked() {
+  if (ticksPerLook_ == 1) {
+    U64 const ticks = TimeStampCounter::ticks(kLookInterval);
+    if (ticks > 1) ticksPerLook_ = static_cast<U32>(ticks);
+  }
+  passesLeft_ = kPassesPerLook;
+  lookedAt_ = static_cast<U32>(TimeStampCounter::now());
+}
+
+void Loop::_callBatch() {
+  while (!stop_ && !timers_.batchEmpty()) _call(timers_.takeFirst());
+}
+
+void Loop::_call(Clock::Notifiee& timer) {
+  /// The end of onTime(), also by exception, but before anybody is asked about that: who answers
+  /// for an exception may arm anew.
+  struct Disarm {
+    Reaction const& reaction;
+    Clock::Notifiee& timer;
+    ~Disarm() {
+      bool const done = reaction.of(timer) && timer.place_ == Clock::Notifiee::Place::none;
+      if (done) timer.timeMin_ = kInfinity;
+    }
+  };
+  bool const released = std::exchange(timer.released_, false);
+  reaction_.run(timer, released, [&] {
+    Disarm const disarm{reaction_, timer};
+    timer.onTime();
+  });
+}
+
+}  // namespace Kiv
