@@ -55,8 +55,18 @@ class VELTRO_API ConstStringRef {
     if (elem_) elem_->refCountInc();
   }
   ConstStringRef(ConstStringRef&& other) noexcept : elem_(std::exchange(other.elem_, nullptr)) {}
-  ConstStringRef& operator=(ConstStringRef other) {
-    std::swap(elem_, other.elem_);
+  /// When giving up the old reference throws, nothing has changed.
+  ConstStringRef& operator=(ConstStringRef const& other) {
+    if (elem_ == other.elem_) return *this;
+    if (elem_) elem_->refCountDec();
+    elem_ = other.elem_;
+    if (elem_) elem_->refCountInc();
+    return *this;
+  }
+  ConstStringRef& operator=(ConstStringRef&& other) {
+    if (this == &other) return *this;
+    clear();
+    elem_ = std::exchange(other.elem_, nullptr);
     return *this;
   }
   ~ConstStringRef() noexcept(false) {

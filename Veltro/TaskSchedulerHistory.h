@@ -52,13 +52,6 @@ class VELTRO_API TaskSchedulerHistory {
 
   class VELTRO_API Event {
    public:
-    /// An empty slot.
-    Event() = default;
-    /// An event of a task; asserts that the type is one of a task's.
-    Event(TimePoint const& time, TaskSchedulerEventType type, ConstStringRef const& taskName);
-    /// An event of a scheduler; asserts that the type is one of a scheduler's.
-    Event(TimePoint const& time, TaskSchedulerEventType type, TaskScheduler const* scheduler);
-
     TaskSchedulerEventType type() const { return type_; }
     TimePoint time() const { return time_; }
     ConstStringRef const& subject() const { return subject_; }
@@ -82,7 +75,10 @@ class VELTRO_API TaskSchedulerHistory {
   /// Records an event that happened at `time`, over the oldest one when full. A type that does
   /// not fit the subject asserts. When releasing the overwritten name throws, the history is as
   /// it was. Events are printed in the order of insertion, so pass the times in order.
-  void insert(TimePoint const& time, TaskSchedulerEventType type, ConstStringRef const& taskName);
+  void insert(TimePoint const& time, TaskSchedulerEventType type, ConstStringRef const& taskName) {
+    if (type >= TaskSchedulerEventType::schedulerIdle) _refuse(type);
+    _insert(time, type, taskName);
+  }
   void insert(TimePoint const& time, TaskSchedulerEventType type, TaskScheduler const* scheduler);
 
   /// Number of events held.
@@ -103,7 +99,17 @@ class VELTRO_API TaskSchedulerHistory {
   ConstStringCache& cache() { return cache_; }
 
  private:
-  void _insert(Event&& event);
+  // Inline: several a task run. The name first, for it may throw; then nothing has changed.
+  void _insert(TimePoint const& time, TaskSchedulerEventType type, ConstStringRef const& subject) {
+    std::size_t const slot = (newest_ == 0 ? kCapacity : newest_) - 1;
+    Event& event = events_[slot];
+    event.subject_ = subject;
+    event.time_ = time;
+    event.type_ = type;
+    newest_ = slot;
+    if (count_ < kCapacity) ++count_;
+  }
+  [[noreturn]] static void _refuse(TaskSchedulerEventType type);
 
   ConstStringCache cache_;  // first, so destroyed after the events
   std::unique_ptr<Event[]> events_;
