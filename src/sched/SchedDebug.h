@@ -1,0 +1,12 @@
+#pragma once
+#include "Veltro/Debug.h"
+
+namespace Veltro {
+
+constexpr char const* kSourceFile = "Veltro/TaskSchedulerCpp";  // shown in messages
+
+/// The trace category "TaskScheduler", for all of this room. Never freed: tasks of ending threads
+/// and static objects still trace.
+Platform::DebugHandler& schedDebug();
+
+}  // namespace Veltro
