@@ -1,0 +1,240 @@
+#include "Mem/InotifyMgr.h"
+
+#include <gtest/gtest.h>
+#include <sys/inotify.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <memory>
+#include <stdexcept>
+#include <vector>
+
+#include "Kiv/ActivityManager.h"
+#include "Kiv/System.h"
+#include "Mem/WatchDescriptor.h"
+#include "tests/support/RecordingHandler.h"
+#include "tests/support/TempDir.h"
+
+namespace fs = std::filesystem;
+
+namespace Mem {
+namespace {
+
+using Event = std::pair<std::string, unsigned>;
+using Events = std::vector<Event>;
+
+Veltro::Platform::DebugHandler& debug() {
+  static auto* const handler = new Veltro::RecordingHandler;
+  return *handler;
+}
+
+struct Recorder final : InotifyMgr::Watcher {
+  Recorder(unsigned mask, std::string const& path)
+      : Watcher(debug()), watch(debug(), mask, path, this) {
+    live = watch.initialize();
+  }
+  void notify(std::string const& name, unsigned int mask) override {
+    events.emplace_back(name, mask);
+    if (reaction) reaction();
+  }
+  WatchDescriptor::WatchDescriptor watch;
+  bool live;
+  Events events;
+  std::function<void()> reaction;
+};
+
+struct InotifyMgrTest : testing::Test {
+  Veltro::TempDir temp;
+
+  void write(std::string const& name) { std::ofstream(temp.path(name)) << "x"; }
+  // Lets the loop deliver all that the kernel has queued.
+  static void turn() {
+    auto& config = Kiv::ActivityManager::instance().config();
+    config.virtualTimeIs(true);
+    config.executionTimeIs(1);
+    Kiv::System::doRun();
+    config.virtualTimeIs(false);
+  }
+};
+
+TEST_F(InotifyMgrTest, watchersOfOneFileShareItsNumberAndGetTheirOwnEventsOnly) {
+  Recorder created(IN_CREATE, temp.path());
+  Recorder deleted(IN_DELETE | IN_ONLYDIR, temp.path());
+  Recorder both(IN_CREATE | IN_DELETE, temp.path("."));
+  ASSERT_TRUE(created.live && deleted.live && both.live);
+  EXPECT_EQ(created.watch.wd(), deleted.watch.wd());
+  EXPECT_EQ(created.watch.wd(), both.watch.wd());
+  EXPECT_EQ(3u, InotifyMgr::getInotifyMgr().watchDescriptors().count(both.watch.wd()));
+  EXPECT_EQ("Mem::(anonymous namespace)::Recorder", both.watch.type());
+  EXPECT_TRUE(both.watch.initialize());
+
+  write("file");
+  fs::remove(temp.path("file"));
+  turn();
+  EXPECT_EQ((Events{{"file", IN_CREATE}}), created.events);
+  EXPECT_EQ((Events{{"file", IN_DELETE}}), deleted.events);
+  EXPECT_EQ((Events{{"file", IN_CREATE}, {"file", IN_DELETE}}), both.events);
+}
+
+TEST_F(InotifyMgrTest, theWatchGoesWithTheLastWatcher) {
+  auto created = std::make_unique<Recorder>(IN_CREATE, temp.path());
+  auto deleted = std::make_unique<Recorder>(IN_DELETE, temp.path());
+  int const wd = deleted->watch.wd();
+  created.reset();
+  write("file");
+  fs::remove(temp.path("file"));
+  turn();
+  EXPECT_EQ((Events{{"file", IN_DELETE}}), deleted->events);
+  deleted.reset();
+  EXPECT_TRUE(InotifyMgr::getInotifyMgr().watchDescriptors().empty());
+
+  Recorder again(IN_CREATE, temp.path());
+  EXPECT_NE(wd, again.watch.wd()) << "the kernel had kept the old watch";
+  write("file");
+  turn();
+  EXPECT_EQ(1u, again.events.size());
+}
+
+TEST_F(InotifyMgrTest, whoLeavesDoesNotNarrowAnotherFilesWatch) {
+  write("a");
+  write("b");
+  auto leaver = std::make_unique<Recorder>(IN_ATTRIB, temp.path("a"));
+  Recorder moved(IN_MODIFY, temp.path("a"));
+  Recorder other(IN_MODIFY | IN_ATTRIB, temp.path("b"));
+  fs::rename(temp.path("b"), temp.path("a"));  // the path of `moved` names another's file now
+  leaver.reset();
+  turn();
+  other.events.clear();
+  fs::permissions(temp.path("a"), fs::perms::all);
+  turn();
+  EXPECT_EQ((Events{{"", IN_ATTRIB}}), other.events);
+}
+
+TEST_F(InotifyMgrTest, anyWatcherMayGoFromInsideANotification) {
+  std::unique_ptr<Recorder> watchers[3];
+  for (auto& watcher : watchers) watcher = std::make_unique<Recorder>(IN_CREATE, temp.path());
+  Events seen;
+  watchers[1]->reaction = [&] {
+    seen = watchers[1]->events;
+    watchers[2].reset();
+    auto const self = std::move(watchers[1]);
+    watchers[0]->events.clear();
+  };
+  write("one");
+  write("two");
+  turn();
+  EXPECT_EQ((Events{{"one", IN_CREATE}}), seen);
+  EXPECT_EQ((Events{{"two", IN_CREATE}}), watchers[0]->events);
+}
+
+TEST_F(InotifyMgrTest, aDeletedFileEndsItsWatchAndMayBeWatchedAnew) {
+  write("file");
+  Recorder first(IN_DELETE_SELF, temp.path("file"));
+  auto second = std::make_unique<Recorder>(IN_ATTRIB, temp.path("file"));
+  first.reaction = [&] {
+    if (first.events.back().second != IN_IGNORED) return;
+    second.reset();  // told next, had it stayed
+    write("file");
+    EXPECT_TRUE(first.watch.initialize());
+  };
+  fs::remove(temp.path("file"));
+  turn();
+  EXPECT_EQ((Events{{"", IN_DELETE_SELF}, {"", IN_IGNORED}}), first.events);
+  EXPECT_GE(first.watch.wd(), 0);
+  fs::remove(temp.path("file"));
+  first.reaction = nullptr;
+  turn();
+  EXPECT_EQ(4u, first.events.size());
+  EXPECT_EQ(-1, first.watch.wd());
+}
+
+TEST_F(InotifyMgrTest, aOneShotWatchEndsAloneAfterOneEvent) {
+  Recorder once(IN_CREATE | IN_ONESHOT, temp.path());
+  Recorder ever(IN_CREATE, temp.path());
+  write("one");
+  write("two");
+  turn();
+  EXPECT_EQ((Events{{"one", IN_CREATE}}), once.events);
+  EXPECT_EQ(2u, ever.events.size());
+}
+
+TEST_F(InotifyMgrTest, overflowReachesEveryWatcher) {
+  std::ifstream limitFile("/proc/sys/fs/inotify/max_queued_events");
+  int limit = 0;
+  limitFile >> limit;
+  ASSERT_GT(limit, 0);
+  Recorder busy(IN_ATTRIB, temp.path());
+  Recorder quiet(IN_DELETE, temp.path());
+  fs::create_directory(temp.path("elsewhere"));
+  Recorder elsewhere(IN_CREATE, temp.path("elsewhere"));
+  write("a");
+  write("b");
+  for (int i = 0; i <= limit; ++i) {  // the kernel merges equal neighbours, so take turns
+    fs::permissions(temp.path(i % 2 == 0 ? "a" : "b"), fs::perms::all);
+  }
+  turn();
+  EXPECT_EQ((Events{{"", IN_Q_OVERFLOW}}), quiet.events);
+  EXPECT_EQ((Events{{"", IN_Q_OVERFLOW}}), elsewhere.events);
+  EXPECT_EQ((Event{"", IN_Q_OVERFLOW}), busy.events.back());
+  EXPECT_GT(busy.events.size(), 1u);
+}
+
+TEST_F(InotifyMgrTest, anExceptionLeavesTheLoopAndCostsNobodyAnEvent) {
+  Recorder bad(IN_CREATE, temp.path());
+  Recorder good(IN_CREATE, temp.path());
+  bad.reaction = [] { throw std::runtime_error("no"); };
+  write("one");
+  write("two");
+  EXPECT_THROW(turn(), std::runtime_error);
+  EXPECT_EQ(2u, bad.events.size());
+  EXPECT_EQ(2u, good.events.size());
+  bad.reaction = nullptr;
+  write("three");
+  turn();
+  EXPECT_EQ(3u, good.events.size());
+}
+
+TEST_F(InotifyMgrTest, whatCannotBeWatchedIsRefused) {
+  write("file");
+  struct {
+    char const* name;
+    unsigned mask;
+    std::string path;
+  } const cases[] = {
+      {"missing", IN_CREATE, temp.path("missing")},
+      {"not a directory", IN_CREATE | IN_ONLYDIR, temp.path("file")},
+      {"no events", 0, temp.path()},
+      {"no path", IN_CREATE, ""},
+  };
+  for (auto const& c : cases) {
+    Recorder recorder(c.mask, c.path);
+    EXPECT_FALSE(recorder.live) << c.name;
+    EXPECT_EQ(-1, recorder.watch.wd());
+  }
+  EXPECT_TRUE(InotifyMgr::getInotifyMgr().watchDescriptors().empty());
+}
+
+TEST_F(InotifyMgrTest, aForkedChildHasEventsOfItsOwnAndTakesNoneOfTheParents) {
+  Recorder inherited(IN_CREATE, temp.path());
+  Recorder leftAlone(IN_CREATE, temp.path());
+  pid_t const child = ::fork();
+  if (child == 0) {
+    Recorder own(IN_CREATE, temp.path());  // from here on the child watches for itself
+    write("childs");
+    turn();
+    ::_exit(inherited.events.size() == 1 && own.events.size() == 1 ? 0 : 1);
+  }
+  int status = 0;
+  ::waitpid(child, &status, 0);
+  EXPECT_EQ(0, WEXITSTATUS(status));
+  turn();
+  EXPECT_EQ((Events{{"childs", IN_CREATE}}), inherited.events);
+  EXPECT_EQ(inherited.events, leftAlone.events);
+}
+
+}  // namespace
+}  // namespace Mem
