@@ -38,7 +38,7 @@ TEST(NsjoinTest, refusalsSayWhichStepFailed) {
 
 TEST(NsjoinTest, movesTheCallingThreadOnly) {
   if (!mayUnshare()) GTEST_SKIP() << "needs the privilege to make namespaces";
-  EXPECT_TRUE(passesInChild([] {
+  inChild([] {
     ASSERT_TRUE(enterOwnMounts());
     hideNamedNamespaces();
     ino_t const other = makeNamespace("other");
@@ -53,12 +53,12 @@ TEST(NsjoinTest, movesTheCallingThreadOnly) {
     }).join();
     EXPECT_EQ(home, ownNamespace());
     EXPECT_EQ(descriptors, openDescriptors());
-  }));
+  });
 }
 
 TEST(NsjoinTest, whatIsNoNamespaceIsRefusedAndNotWaitedFor) {
   if (!mayUnshare()) GTEST_SKIP() << "needs the privilege to make namespaces";
-  EXPECT_TRUE(passesInChild([] {
+  inChild([] {
     ASSERT_TRUE(enterOwnMounts());
     hideNamedNamespaces();
     makeNamespace("real");
@@ -88,16 +88,16 @@ TEST(NsjoinTest, whatIsNoNamespaceIsRefusedAndNotWaitedFor) {
     }
     EXPECT_EQ(home, ownNamespace());
     EXPECT_EQ(descriptors, openDescriptors());
-  }));
+  });
 }
 
 TEST(NsjoinTest, theDefaultWithoutAFileIsProcessOnes) {
   if (!mayUnshare()) GTEST_SKIP() << "needs the privilege to make namespaces";
-  EXPECT_TRUE(passesInChild([] {
+  inChild([] {
     ASSERT_TRUE(enterOwnMounts());
     hideNamedNamespaces();
     ASSERT_EQ(0, ::unshare(CLONE_NEWPID));
-    EXPECT_TRUE(passesInChild([] {  // the first process of a tree of its own
+    inChild([] {  // the first process of a tree of its own
       if (::mount("none", "/proc", "proc", 0, nullptr) != 0) {
         EXPECT_EQ(-1, setnsByName(DEFAULT_NS, CLONE_NEWNET));
         EXPECT_EQ(0,
@@ -112,8 +112,8 @@ TEST(NsjoinTest, theDefaultWithoutAFileIsProcessOnes) {
         EXPECT_EQ(0, setnsByName(DEFAULT_NS, CLONE_NEWNET)) << netnsGetTracebuffer();
         EXPECT_EQ(first, ownNamespace());
       }).join();
-    }));
-  }));
+    });
+  });
 }
 
 }  // namespace

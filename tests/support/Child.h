@@ -10,14 +10,16 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <array>
+#include <cstddef>
 #include <cstdio>
 #include <functional>
 
 namespace Veltro {
 
 /// Runs `body` in a forked child, which may spoil its environment, limits and namespaces at will.
-/// Its expectations are printed as they fail, and fail this.
-inline testing::AssertionResult passesInChild(std::function<void()> const& body) {
+/// Its expectations are printed as they fail, and fail the calling test.
+inline void inChild(std::function<void()> const& body) {
   std::fflush(nullptr);
   pid_t const child = ::fork();
   if (child == 0) {
@@ -32,8 +34,7 @@ inline testing::AssertionResult passesInChild(std::function<void()> const& body)
   }
   int status = -1;
   ::waitpid(child, &status, 0);
-  if (status == 0) return testing::AssertionSuccess();
-  return testing::AssertionFailure() << "wait status of the child: " << status;
+  EXPECT_EQ(0, status) << "the child failed";
 }
 
 /// From here on the kernel answers the system call with `error`, in this process only, for good.
@@ -61,6 +62,13 @@ inline int openDescriptors() {
   int count = 0;
   for (int fd = 0; fd < 1024; ++fd) count += ::fcntl(fd, F_GETFD) >= 0 ? 1 : 0;
   return count;
+}
+
+/// The number that the next descriptor will get, and the one after it.
+inline std::array<int, 2> nextDescriptors() {
+  std::array<int, 2> const next = {::dup(0), ::dup(0)};
+  for (int const fd : next) ::close(fd);
+  return next;
 }
 
 /// Gives this process mounts of its own, which vanish with it. False without the privilege.
