@@ -163,8 +163,6 @@ class VELTRO_API TaskImpl : public _TaskBase {
   void _schedulingLatencyIs(TimePoint now);
   void _forceYieldOn();
   void _forceYieldOff();
-  /// False once the destructor has run or something wrote over the object.
-  bool _isLive() const { return taskMagicNumber_ == taskMagicNumberConstructed; }
 
   Nanoseconds taskQuantum_;
   bool taskSuspendedForTest_ = false;
