@@ -23,6 +23,7 @@ void FileDescriptor::descriptorIs(int descriptor) {
 }
 
 void FileDescriptor::nonBlockingIs(bool on) {
+  if (nonBlocking_ == on) return;  // the present one may have been closed since
   if (on && descriptor_ >= 0) _makeNonBlocking(descriptor_);
   nonBlocking_ = on;
 }

@@ -1,7 +1,10 @@
 #pragma once
-#include <cassert>
 
-/// Ends the process as the standard assert does, with the expression's text, in every build:
-/// for set-up failures after which nothing can go on.
+// The C library's own, which <assert.h> declares only without NDEBUG.
+extern "C" [[noreturn]] void __assert_fail(char const* expression, char const* file, unsigned line,
+                                           char const* function) noexcept;
+
+/// Ends the process as the standard assert does, with the expression's text, in every build: for
+/// failures after which nothing can go on.
 #define VELTRO_FATAL_CHECK(expression) \
-  ((expression) ? void() : __assert_fail(#expression, __FILE__, __LINE__, __extension__ __func__))
+  ((expression) ? void() : __assert_fail(#expression, __FILE__, __LINE__, __func__))

@@ -1,0 +1,70 @@
+#pragma once
+#include <cxxabi.h>
+
+#include <exception>
+
+#include "Veltro/Debug.h"
+#include "Veltro/LibeventFactoryCpp.h"
+
+namespace Veltro {
+
+/// The module's handler, "VeltroLibevent".
+Platform::DebugHandler& libeventDebug();
+
+/// One thread's base. Trivially destructible: controls held by other thread-local objects use it
+/// to the very end of their thread.
+struct LibeventThread {
+  event_base* base = nullptr;
+  U64 serial = 0;      // of the base, unique in the process; 0 without one
+  unsigned forks = 0;  // forks behind this process when the base was last known to be its own
+  bool isMain = false;
+  event exitEvent;
+  bool exitArmed = false;
+  std::exception_ptr* thrown = nullptr;  // where doLeEventLoop waits for it; null outside of it
+
+  static LibeventThread& current();
+
+  /// The base, made if there is none, and made this process's own after a fork.
+  event_base* ensureBase();
+  /// Whether an event assigned to the base of that number can still be touched; makes the base
+  /// this process's own first.
+  bool holds(U64 baseSerial);
+  void adopt(event_base* other);
+
+  /// Runs a callback that libevent made: no exception may pass through libevent's frames, which
+  /// would leave the base running for ever. It is kept for doLeEventLoop to throw on; where the
+  /// owner of an adopted base runs it himself, nobody would, and it passes all the same.
+  template <typename Body>
+  void guard(Body&& body) {
+    if (thrown == nullptr) {
+      body();
+    } else {
+      try {
+        body();
+      } catch (abi::__forced_unwind&) {
+        throw;  // a thread being cancelled; swallowing it ends the process
+      } catch (...) {
+        *thrown = std::current_exception();
+        event_base_loopbreak(base);
+      }
+    }
+    _ownAfterFork();
+  }
+
+ private:
+  void _ownAfterFork();
+};
+
+/// A delay as libevent takes it. Not a number and negative are 0; beyond what a 32-bit deadline
+/// of the wall clock holds is cut to that.
+timeval toDelay(double seconds);
+
+/// Timers of the main thread, for fast forward: what is armed, and the earliest deadline so far.
+void fastForwardArmed(LibeventThread const& thread, event& timer);
+void fastForwardGone(LibeventThread const& thread, event& timer);
+/// Makes all of them due, if the mode is on and `thread` is the main one.
+void fastForwardAll(LibeventThread const& thread);
+/// Moves `timer` back by the earliest deadline if the mode is on.
+void fastForwardOne(event& timer);
+
+}  // namespace Veltro

@@ -1,0 +1,85 @@
+#pragma once
+#include <functional>
+#include <memory>
+#include <thread>
+#include <vector>
+
+#include "Veltro/LibeventFactoryCpp.h"
+#include "Veltro/Platform.h"
+
+namespace Veltro {
+
+/// The loops that may stand behind the facade. `run` calls its argument on a thread that has
+/// that loop; `timer`, `fd` and `callback` hand out controls there.
+
+struct FacadeControls {
+  static auto timer(Platform::TimeoutHandler* h) { return Platform::getTimerControl(h); }
+  static auto fd(Platform::FdEventHandler* h) { return Platform::getFdControl(h); }
+  static auto callback(Platform::CallbackHandler* h) { return Platform::getCallbackControl(h); }
+};
+
+struct KivBackend : FacadeControls {
+  static void run(std::function<void()> const& body) { body(); }
+};
+
+struct LibeventBackend : FacadeControls {
+  static void run(std::function<void()> const& body) {
+    useThreadLocalSingletons();
+    std::thread([&] {
+      body();
+      leFree();
+    }).join();
+  }
+};
+
+/// Handlers that call what the test gives them.
+
+struct Timeout final : Platform::TimeoutHandler {
+  explicit Timeout(std::function<void()> f = {}) : onTimeout(std::move(f)) {}
+  void timeout() override {
+    ++calls;
+    if (onTimeout) onTimeout();
+  }
+  bool handleTimeoutException() override {
+    ++asked;
+    return answer;
+  }
+  std::function<void()> onTimeout;
+  int calls = 0;
+  int asked = 0;
+  bool answer = false;
+};
+
+struct FdEvents final : Platform::FdEventHandler {
+  void readFdEvent(int fd) override {
+    ++reads;
+    if (onRead) onRead(fd);
+  }
+  void writeFdEvent(int fd) override {
+    ++writes;
+    if (onWrite) onWrite(fd);
+  }
+  bool handleFdException(int fd) override {
+    asked.push_back(fd);
+    return answer;
+  }
+  std::function<void(int)> onRead, onWrite;
+  int reads = 0;
+  int writes = 0;
+  std::vector<int> asked;
+  bool answer = false;
+};
+
+struct Callback final : Platform::CallbackHandler {
+  explicit Callback(std::function<void()> f = {}) : onCallback(std::move(f)) {}
+  void callback() override {
+    ++calls;
+    if (onCallback) onCallback();
+  }
+  bool handleCallbackException() override { return answer; }
+  std::function<void()> onCallback;
+  int calls = 0;
+  bool answer = false;
+};
+
+}  // namespace Veltro
