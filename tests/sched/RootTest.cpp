@@ -1,0 +1,356 @@
+// Roots on the event loops of real threads.
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <sstream>
+#include <thread>
+
+#include "SchedSupport.h"
+#include "Veltro/LibeventFactoryCpp.h"
+#include "tests/support/Child.h"
+#include "tests/support/VirtualTime.h"
+
+namespace Veltro {
+namespace {
+using testing::HasSubstr;
+using testing::MatchesRegex;
+
+struct Channel final : FileDescriptorTask {
+  explicit Channel(std::string const& name)
+      : FileDescriptorTask(schedulerRootVeltro(), TaskPriority::high, name) {}
+  void taskExecuteReadable() override {
+    if (onRead) onRead();
+  }
+  void taskExecuteWritable() override {
+    if (onWrite) onWrite();
+  }
+  std::function<void()> onRead, onWrite;
+};
+
+struct SocketPair {
+  SocketPair() { EXPECT_EQ(0, ::socketpair(AF_UNIX, SOCK_STREAM, 0, fd)); }
+  ~SocketPair() {
+    ::close(fd[0]);
+    ::close(fd[1]);
+  }
+  SocketPair(SocketPair const&) = delete;
+  SocketPair& operator=(SocketPair const&) = delete;
+  void send() const { EXPECT_EQ(1, ::write(fd[1], "x", 1)); }
+  char receive() const {
+    char c = 0;
+    return ::read(fd[0], &c, 1) == 1 ? c : '-';
+  }
+  int fd[2];
+};
+
+/// Runs each test on the main thread's loop and on a worker's.
+class RootTest : public testing::TestWithParam<char const*> {
+ protected:
+  static void run(std::function<void()> const& body) {
+    if (std::string(GetParam()) == "main") {
+      body();
+      return;
+    }
+    useThreadLocalSingletons();
+    std::thread([&] {
+      body();
+      leFree();  // with the thread's root still there
+    }).join();
+  }
+};
+INSTANTIATE_TEST_SUITE_P(Loops, RootTest, testing::Values("main", "worker"),
+                         [](auto const& loop) { return std::string(loop.param); });
+
+std::shared_ptr<DoTask> makeTask(std::string const& name, DoTask::Work work) {
+  return std::make_shared<DoTask>(schedulerRootVeltro(), TaskPriority::normal, name,
+                                  std::move(work));
+}
+std::shared_ptr<DoTimer> makeTimer(std::string const& name, DoTimer::Work work) {
+  return std::make_shared<DoTimer>(schedulerRootVeltro(), TaskPriority::normal, name,
+                                   std::move(work));
+}
+
+TEST_P(RootTest, neitherTimersNorDescriptorsStarveBehindBusyTasks) {
+  run([] {
+    SocketPair pair;
+    unsigned runs = 0, reads = 0, fires = 0;
+    auto const done = [&] { return reads >= 3 && fires >= 3; };
+    auto const busy = makeTask("busy", [&](DoTask& self) {
+      if (++runs < 100000000 && !done()) self.scheduleTask();
+    });
+    auto const timer = makeTimer("timer", [&](DoTimer& self) {
+      if (++fires < 3) self.scheduleTaskDelay(1ms);
+    });
+    Channel channel("channel");
+    channel.taskWatchReadableIs(true);
+    channel.taskWatchFdIs(pair.fd[0]);
+    EXPECT_EQ(pair.fd[0], channel.taskWatchFd());
+    channel.onRead = [&] {
+      EXPECT_EQ('x', pair.receive());
+      if (++reads < 3) {
+        pair.send();
+      } else {
+        channel.taskWatchReadableIs(false);
+      }
+    };
+    // Owned elsewhere: the scheduler needs a shared owner only while it runs the task.
+    std::shared_ptr<Channel> const owner(&channel, [](Channel*) {});
+    pair.send();
+    busy->scheduleTask();
+    timer->scheduleTaskDelay(0.001);
+    Platform::doEventLoop();
+    EXPECT_EQ(3u, reads);
+    EXPECT_EQ(3u, fires);
+    EXPECT_LT(runs, 100000000u);
+  });
+}
+
+TEST_P(RootTest, timersFireInOrderAndNeverEarly) {
+  run([] {
+    std::string order;
+    std::vector<std::shared_ptr<DoTimer>> timers;
+    for (int ms : {7, 3, 5, 1}) {
+      auto const before = std::chrono::steady_clock::now();
+      timers.push_back(makeTimer("t", [&order, ms, before](DoTimer&) {
+        order += std::to_string(ms);
+        EXPECT_GE(std::chrono::steady_clock::now() - before, std::chrono::milliseconds(ms));
+      }));
+      timers.back()->scheduleTaskDelay(std::chrono::milliseconds(ms));
+    }
+    auto const stopped = makeTimer("stopped", [&](DoTimer&) { order += "!"; });
+    stopped->scheduleTaskDelay(2ms);
+    stopped->stopTimerTask();
+    Platform::doEventLoop();
+    EXPECT_EQ("1357", order);
+  });
+}
+
+TEST_P(RootTest, rootOperationsOfTimers) {
+  run([] {
+    auto const root = schedulerRootVeltro();
+    auto const timer = makeTimer("t", {});
+    double const never = std::numeric_limits<double>::infinity();
+    EXPECT_EQ(never, timer->timerRemaining());
+    EXPECT_EQ(DoTimer::TimePoint::max(), root->timerExpiry(*timer));
+    EXPECT_TRUE(root->timerStart(*timer, 200.0, false));
+    EXPECT_FALSE(root->timerStart(*timer, 500.0, false));
+    EXPECT_LT(timer->timerRemaining(), 201);
+    EXPECT_TRUE(root->timerStart(*timer, std::chrono::nanoseconds(100s), false));
+    EXPECT_LT(timer->timerRemaining(), 101);
+    EXPECT_GT(timer->timerRemaining(), 50);
+    EXPECT_TRUE(root->timerStart(*timer, 500.0, true));
+    EXPECT_GT(timer->timerRemaining(), 400);
+    root->timerStop(*timer);
+    EXPECT_EQ(never, timer->timerRemaining());
+    for (double delay : {1e10, 1e300}) {  // longer than clocks can say, but a delay
+      timer->scheduleTaskDelay(delay);
+      EXPECT_GT(timer->timerRemaining(), 1e8);
+      EXPECT_GT(timer->currentExpirationTime() - std::chrono::steady_clock::now(), 24h);
+    }
+    Platform::doEventLoop(0.002);
+    EXPECT_EQ(0u, timer->taskRunCount());
+  });
+}
+
+TEST_P(RootTest, aDescriptorIsWatchedAsTheTaskSays) {
+  run([] {
+    SocketPair first, second;
+    auto const channel = std::make_shared<Channel>("c");
+    unsigned reads = 0, writes = 0;
+    channel->onRead = [&] {
+      ++reads;
+      channel->taskWatchReadableIs(false);
+    };
+    channel->onWrite = [&] {
+      ++writes;
+      channel->taskWatchWritableIs(false);
+    };
+    auto const counts = [&] {
+      Platform::doEventLoop(0.005);
+      return std::pair(std::exchange(reads, 0u), std::exchange(writes, 0u));
+    };
+    using Counts = std::pair<unsigned, unsigned>;
+    first.send();
+    channel->taskWatchFdIs(first.fd[0]);
+    EXPECT_EQ(Counts(0, 0), counts()) << "no interest, no event";
+    channel->taskWatchWritableIs(true);
+    EXPECT_EQ(Counts(0, 1), counts());
+    channel->taskWatchReadableIs(true);
+    EXPECT_EQ(Counts(1, 0), counts());
+    channel->taskWatchReadableIs(true);
+    channel->preFdCloseCleanup();
+    EXPECT_EQ(Counts(0, 0), counts()) << "cleaned up";
+    second.send();
+    channel->taskWatchFdIs(second.fd[0]);
+    EXPECT_EQ(Counts(1, 0), counts()) << "the interest came back";
+    channel->taskWatchReadableIs(true);
+    channel->taskWatchFdDel();
+    EXPECT_EQ(-1, channel->taskWatchFd());
+    channel->taskWatchFdIs(first.fd[0]);
+    EXPECT_EQ(Counts(1, 0), counts());
+    EXPECT_EQ("99 == " + std::to_string(first.fd[0]),
+              assertionOf([&] { channel->fdNotifiee()->readFdEvent(99); }));
+    EXPECT_THAT(assertionOf([&] { channel->fdNotifiee()->writeFdEvent(98); }), HasSubstr("98 == "));
+  });
+}
+
+TEST_P(RootTest, anExceptionLeavesTheLoopAndTheNextLoopGoesOn) {
+  run([] {
+    unsigned runs = 0;
+    auto const thrower = makeTask("thrower", [](DoTask&) { throw RuntimeException("x"); });
+    auto const other = makeTask("other", [&](DoTask&) { ++runs; });
+    auto const group = TaskGroup::TaskGroupIs("g", TaskPriority::high, true, schedulerRootVeltro());
+    auto const inner = std::make_shared<DoTask>(group, TaskPriority::high, "inner",
+                                                [](DoTask&) { throw RuntimeException("y"); });
+    for (auto const& task : {thrower, other, inner}) task->scheduleTask();
+    EXPECT_THROW(Platform::doEventLoop(1), RuntimeException);
+    EXPECT_THROW(Platform::doEventLoop(1), RuntimeException);
+    Platform::doEventLoop(0.001);
+    EXPECT_EQ(1u, runs);
+    EXPECT_FALSE(schedulerRootVeltro()->schedulerHasRunnableTasks());
+  });
+}
+
+TEST_P(RootTest, aRunMayEndItsOwnRoot) {
+  run([] {
+    auto root = schedulerRootVeltroNonShared("mine");
+    EXPECT_EQ("mine", root->schedulerName());
+    EXPECT_EQ(0u, root->taskGroupCount());
+    std::weak_ptr<TaskSchedulerRoot> const watch = root;
+    auto task = std::make_shared<DoTimer>(root, TaskPriority::low, "t");
+    task->workIs([&](DoTimer&) { task.reset(); });
+    root.reset();
+    task->scheduleTaskDelay(1ms);
+    Platform::doEventLoop();
+    EXPECT_TRUE(watch.expired());
+  });
+}
+
+TEST(RootThreadsTest, aThreadMayEndWithAllItHas) {
+  useThreadLocalSingletons();
+  for (bool rootFirst : {true, false}) {
+    std::weak_ptr<TaskSchedulerRoot> watch;
+    std::thread([&] {
+      if (rootFirst) schedulerRootVeltro();
+      thread_local std::vector<std::shared_ptr<_TaskBase>> live;
+      live.reserve(8);
+      watch = schedulerRootVeltro();
+      auto const timer = makeTimer("timer", {});
+      timer->scheduleTaskDelay(1h);
+      auto const queued = makeTask("queued", {});
+      queued->scheduleTask();
+      for (auto i = TaskSchedulerHistory::kCapacity; i > 0; --i) makeTask("brief", {});
+      live = {timer, queued, std::make_shared<Channel>("c")};
+      schedulerRootVeltro()->resetStats();
+      Platform::doEventLoop(0.0);
+    }).join();
+    EXPECT_TRUE(watch.expired());
+  }
+}
+
+TEST(RootThreadsTest, eightThreadsEachWithItsOwn) {
+  useThreadLocalSingletons();
+  std::shared_ptr<DoTask> const mine = makeTask("mine", {});
+  std::atomic<unsigned> ready{0};
+  std::vector<std::string> names(8);
+  std::vector<std::thread> threads;
+  for (std::string& name : names) {
+    threads.emplace_back([&] {
+      auto const root = schedulerRootVeltro();
+      EXPECT_EQ(root, schedulerRootVeltro());
+      name = root->schedulerName();
+      std::ostringstream expected;
+      expected << "thread:" << std::this_thread::get_id();
+      EXPECT_EQ(expected.str(), name);
+      ++ready;
+      while (ready < 8) std::this_thread::yield();  // all at once
+      SocketPair pair;
+      auto const channel = std::make_shared<Channel>("c");
+      unsigned reads = 0;
+      channel->taskWatchFdIs(pair.fd[0]);
+      channel->taskWatchReadableIs(true);
+      channel->onRead = [&] {
+        pair.receive();
+        if (++reads == 50) {
+          channel->taskWatchReadableIs(false);
+        } else {
+          pair.send();
+        }
+      };
+      pair.send();
+      auto const busy = makeTask("busy", [](DoTask& self) {
+        if (self.taskRunCount() < 2000) self.scheduleTask();
+      });
+      auto const timer = makeTimer("timer", [](DoTimer& self) {
+        if (self.taskRunCount() < 5) self.scheduleTaskJitterUp(100us, 100);
+      });
+      busy->scheduleTask();
+      timer->scheduleTask();
+      Platform::doEventLoop();
+      EXPECT_EQ(2000u, busy->taskRunCount());
+      EXPECT_EQ(5u, timer->taskRunCount());
+      EXPECT_EQ(50u, reads);
+      EXPECT_THAT(assertionOf([&] { mine->scheduleTask(); }),
+                  HasSubstr("Executing in wrong thread "));
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  std::sort(names.begin(), names.end());
+  EXPECT_EQ(names.end(), std::adjacent_find(names.begin(), names.end()));
+}
+
+TEST(RootThreadsTest, theThreadCheck) {
+  useThreadLocalSingletons();
+  auto const root = schedulerRootVeltro();
+  auto const task = makeTask("t", {});
+  auto const timer = makeTimer("timer", {});
+  struct {
+    char const* name;
+    std::function<void()> action;
+  } const entries[] = {
+      {"schedule", [&] { task->scheduleTask(); }},
+      {"unschedule", [&] { task->unscheduleTask(); }},
+      {"register", [&] { DoTask(root, TaskPriority::low, "x"); }},
+      {"unregister", [&] { root->taskUnregister(task.get()); }},
+      {"run", [&] { root->handleSchedulerRun(); }},
+      {"run from test", [&] { task->taskRunFromTest(); }},
+      {"delay", [&] { timer->scheduleTaskDelay(1.0); }},
+      {"delay of zero", [&] { timer->scheduleTaskDelay(0ns); }},
+      {"lowest delay", [&] { timer->scheduleTaskLowestDelay(1s); }},
+      {"jitter", [&] { timer->scheduleTaskJitterDown(1s, 1); }},
+      {"stop", [&] { timer->stopTimerTask(); }},
+      {"remaining", [&] { timer->timerRemaining(); }},
+      {"expiry", [&] { timer->currentExpirationTime(); }},
+  };
+  auto const elsewhere = [](std::function<void()> const& action) {
+    std::thread([&] {
+      ::pthread_setname_np(::pthread_self(), "stranger");
+      action();
+    }).join();
+  };
+  std::string const pid = std::to_string(::getpid());
+  for (auto const& entry : entries) {
+    SCOPED_TRACE(entry.name);
+    elsewhere([&] {
+      EXPECT_THAT(assertionOf(entry.action),
+                  MatchesRegex("Executing in wrong thread [0-9]+\\(stranger\\) pid " + pid +
+                               " scheduler belongs to thread [0-9]+\\(.+\\) pid " + pid));
+    });
+  }
+  elsewhere([] { EXPECT_EQ("stranger", TaskSchedulerRoot::currentThreadName()); });
+  EXPECT_EQ("", assertionOf([&] { root->sanityCheckCurrentRunningThread(); }));
+  auto const passes = [&] {
+    EXPECT_EQ("", assertionOf([&] { root->sanityCheckCurrentRunningThread(); }));
+  };
+  root->threadSanityDisabledIs(true);
+  elsewhere(passes);
+  root->threadSanityDisabledIs(false);
+  auxThreadCount = 1;
+  elsewhere(passes);
+  auxThreadCount = 0;
+  elsewhere([&] { inChild(passes); });
+}
+}  // namespace
+}  // namespace Veltro
