@@ -50,7 +50,6 @@ void Util::fileWrite(Platform::DebugHandler& handler, std::string const& path,
   if (count < 0) {
     std::string const fault = "Util::fileWrite() unable to write to " + path + reasonOf(errno);
     VELTRO_TRACE(handler, 0, fault);
-    fd.close();
     return throwUnless(quiet, fault);
   }
   if (static_cast<std::size_t>(count) != content.size()) {

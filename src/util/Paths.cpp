@@ -48,10 +48,10 @@ int Util::mkpath(std::string const& path, unsigned mode) {
   if (::mkdir(path.c_str(), mode) == 0 || errno == EEXIST) return 0;
   if (errno != ENOENT) return -1;
 
-  // Without a parent to make there is nothing left to try: the empty path, a relative one in a
-  // removed working directory, one below a removed root.
+  // Without a parent to make there is nothing left to try: the empty path, or a relative one in a
+  // removed working directory.
   std::size_t const slash = path.rfind('/');
-  if (slash == std::string::npos || slash == 0) return fail(ENOENT);
+  if (slash == std::string::npos) return fail(ENOENT);
   if (mkpath(path.substr(0, slash), mode) != 0) return -1;
 
   int const result = ::mkdir(path.c_str(), mode);

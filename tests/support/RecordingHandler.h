@@ -1,4 +1,5 @@
 #pragma once
+#include <cerrno>
 #include <functional>
 #include <string>
 #include <vector>
@@ -18,6 +19,7 @@ class RecordingHandler final : public Platform::DebugHandler {
   void dump(Platform::DebugStream& stream, unsigned level, char const*, int, char const*) override {
     records.push_back(std::to_string(level) + " " + stream.str());
     if (onRecord) onRecord(records.back());
+    errno = 0;  // as any handler's work may
   }
 
   std::vector<std::string> records;

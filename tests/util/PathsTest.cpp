@@ -164,6 +164,8 @@ TEST_F(PathsTest, stepsAreTracedUnderVeltroUtil) {
   EXPECT_EQ("9 Util::::mkpath() creating path: " + root + "/x/y mode: 750\n" +
                 "9 Util::::mkpath() creating path: " + root + "/x mode: 750\n",
             tracedBy([&root] { Util::mkpath(root + "/x/y", 0750); }));
+  EXPECT_EQ("9 Util::::mkpath() creating path: /dev/null/x/y mode: 750\n",
+            tracedBy([] { Util::mkpath("/dev/null/x/y", 0750); }));
   EXPECT_EQ("9 Util::trimpath() removing dir " + root + "/x\n" +
                 "5 Util::trimpath() rmdir() error " + root + "/x reason: Directory not empty\n",
             tracedBy([&root] { Util::trimpath(root + "/x", "x"); }));
