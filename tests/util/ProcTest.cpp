@@ -221,7 +221,7 @@ TEST_F(ProcTest, entriesOfProcThatAreNoProcess) {
 
 TEST_F(ProcTest, withoutDescriptorsNothingIsFoundAndNothingLeft) {
   inChild([this] {
-    limitIs(RLIMIT_NOFILE, 0);
+    failSystemCall(SYS_openat, EMFILE);
     EXPECT_EQ(0, Util::readSocketPid(handler, "x"));
     EXPECT_THAT(handler.records,
                 ElementsAre("5 Util::readSocketPid() searching for socket name: x",
