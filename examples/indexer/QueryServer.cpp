@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -37,8 +38,10 @@ int newSocket() {
   return fd;
 }
 
-// A socket file whose listener is gone refuses connections.
+// A socket file whose listener is gone refuses connections; but so does any other file.
 bool abandoned(sockaddr_un const& address) {
+  struct stat status;
+  if (::lstat(address.sun_path, &status) != 0 || !S_ISSOCK(status.st_mode)) return false;
   int const fd = newSocket();
   bool const refused =
       ::connect(fd, reinterpret_cast<sockaddr const*>(&address), sizeof address) != 0 &&
@@ -52,14 +55,16 @@ int listenAt(std::string const& path) {
   auto const* const generic = reinterpret_cast<sockaddr const*>(&address);
   int const fd = newSocket();
   int result = ::bind(fd, generic, sizeof address);
-  if (result != 0 && errno == EADDRINUSE && abandoned(address)) {
+  int reason = result == 0 ? 0 : errno;
+  if (reason == EADDRINUSE && abandoned(address)) {
     ::unlink(path.c_str());
     result = ::bind(fd, generic, sizeof address);
+    reason = result == 0 ? 0 : errno;
   }
-  if (result != 0 || ::listen(fd, 16) != 0) {
-    int const reason = errno;
+  if (reason == 0 && ::listen(fd, 16) != 0) reason = errno;
+  if (reason != 0) {
     ::close(fd);
-    errno = reason == ECONNREFUSED ? EADDRINUSE : reason;
+    errno = reason;
     fail(path);
   }
   return fd;
