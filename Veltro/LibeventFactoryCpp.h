@@ -68,6 +68,7 @@ class VELTRO_API LibeventTimerControl : public Platform::TimerControl {
  protected:
   /// During timeout(): where it shows that this object is destroyed. Null outside of it.
   bool const* goneFlag() const { return gone_; }
+  bool armed() const;
 
  private:
   static void handleTimeout(evutil_socket_t fd, short what, void* control);
@@ -98,7 +99,7 @@ class VELTRO_API LibeventFdControl : public Platform::FdControl {
  private:
   static void handleFdRead(evutil_socket_t fd, short what, void* control);
   static void handleFdWrite(evutil_socket_t fd, short what, void* control);
-  void _call(void (Platform::FdEventHandler::*handle)(int));
+  void _call(short what);
   void _arm(event& event, short what, event_callback_fn callback);
   void _disarm(event& event);
 

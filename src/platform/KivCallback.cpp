@@ -10,7 +10,7 @@ Callback::Callback(Veltro::Platform::CallbackHandler* handler, Kiv::Ptr<Kiv::Clo
 
 // One that is pending keeps its place: asking again neither adds a call nor puts it off.
 void Callback::requestCallback() {
-  if (!pendingCallback()) setTimeout(0);
+  if (!armed()) setTimeout(0);
 }
 
 void Callback::cancelCallback() { delTimeout(); }

@@ -38,10 +38,14 @@ void ClockTimer::delTimeout() {
 
 double ClockTimer::remainingTimeout() const {
   VELTRO_TRACE(Veltro::ownDebugHandler(), 5, "KivVeltro::ClockTimer::remainingTimeout()");
+  if (!armed()) return kInfinity;
   double const deadline = notifiee_->timeMin();
-  if (deadline > std::numeric_limits<double>::max()) return kInfinity;
   double const now = Kiv::System::currentTime();
   return now > deadline ? 0 : deadline - now;
+}
+
+bool ClockTimer::armed() const {
+  return notifiee_->timeMin() <= std::numeric_limits<double>::max();
 }
 
 bool ClockTimer::onNotificationException() { return handler_->handleTimeoutException(); }

@@ -18,6 +18,9 @@ class ClockTimer : public Veltro::Platform::TimerControl {
   /// The handler's say over what its timeout() threw.
   virtual bool onNotificationException();
 
+ protected:
+  bool armed() const;
+
  private:
   Veltro::Platform::TimeoutHandler* const handler_;
   Kiv::Ptr<Kiv::Clock> const clock_;

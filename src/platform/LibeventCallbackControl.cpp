@@ -12,7 +12,7 @@ LibeventCallbackControl::LibeventCallbackControl(Platform::CallbackHandler* hand
 
 // One that is pending keeps its place: asking again neither adds a call nor puts it off.
 void LibeventCallbackControl::requestCallback() {
-  if (!pendingCallback()) setTimeout(0.0);
+  if (!armed()) setTimeout(0.0);
 }
 
 void LibeventCallbackControl::cancelCallback() { delTimeout(); }
@@ -24,12 +24,12 @@ bool LibeventCallbackControl::pendingCallback() const {
 void LibeventCallbackControl::timeout() {
   Platform::CallbackHandler* const handler = handler_;
   bool const* const gone = goneFlag();  // of this object, perhaps, after the call
-  try {
-    handler->callback();
-  } catch (abi::__forced_unwind&) {
-    throw;
-  } catch (...) {
-    if ((gone != nullptr && *gone) || !handler->handleCallbackException()) throw;
+  bool const handled =
+      catching([=] { handler->callback(); },
+               [=] {
+                 if ((gone != nullptr && *gone) || !handler->handleCallbackException()) throw;
+               });
+  if (handled) {
     VELTRO_TRACE(libeventDebug(), 9,
                  "LibeventCallbackControl::timeout: Callback notification exception was handled");
   }

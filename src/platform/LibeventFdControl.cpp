@@ -87,32 +87,22 @@ void LibeventFdControl::_disarm(event& event) {
 }
 
 void LibeventFdControl::handleFdRead(evutil_socket_t, short, void* control) {
-  LibeventThread::current().guard([=] {
-    static_cast<LibeventFdControl*>(control)->_call(&Platform::FdEventHandler::readFdEvent);
-  });
+  LibeventThread::current().guard(
+      [=] { static_cast<LibeventFdControl*>(control)->_call(EV_READ); });
 }
 
 void LibeventFdControl::handleFdWrite(evutil_socket_t, short, void* control) {
-  LibeventThread::current().guard([=] {
-    static_cast<LibeventFdControl*>(control)->_call(&Platform::FdEventHandler::writeFdEvent);
-  });
+  LibeventThread::current().guard(
+      [=] { static_cast<LibeventFdControl*>(control)->_call(EV_WRITE); });
 }
 
-void LibeventFdControl::_call(void (Platform::FdEventHandler::*handle)(int)) {
+void LibeventFdControl::_call(short what) {
   int const fd = fd_;  // the handler may drop it, and then throw
-  bool gone = false;
-  gone_ = &gone;
-  try {
-    (handler_->*handle)(fd);
-  } catch (abi::__forced_unwind&) {
-    throw;
-  } catch (...) {
-    if (gone || !handler_->handleFdException(fd)) {
-      if (!gone) gone_ = nullptr;
-      throw;
-    }
-  }
-  if (!gone) gone_ = nullptr;
+  HandlerCall const call(gone_);
+  catching([=] { what == EV_READ ? handler_->readFdEvent(fd) : handler_->writeFdEvent(fd); },
+           [&] {
+             if (call.controlGone() || !handler_->handleFdException(fd)) throw;
+           });
 }
 
 std::shared_ptr<Platform::FdControl> getLeFdControl(Platform::FdEventHandler* handler) {

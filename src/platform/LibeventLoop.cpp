@@ -30,6 +30,17 @@ void countForks() {
   });
 }
 
+// What to cut a delay of `seconds` to: deadlines are told in wall-clock seconds, of which 32 bits
+// are about to run out. No clock need be read for less than a day.
+double longestDelay(double seconds) {
+  constexpr double kDay = 86400;
+  if (seconds < kDay) return kDay;
+  timeval now;
+  evutil_gettimeofday(&now, nullptr);
+  return std::max(
+      kDay, std::numeric_limits<std::int32_t>::max() - static_cast<double>(now.tv_sec) - kDay);
+}
+
 void handleBaseLoopExit(evutil_socket_t, short, void* argument) {
   auto& thread = *static_cast<LibeventThread*>(argument);
   event_base_loopexit(thread.base, nullptr);
@@ -52,11 +63,6 @@ void armExit(LibeventThread& thread, double seconds) {
 
 }  // namespace
 
-Platform::DebugHandler& libeventDebug() {
-  static Platform::DebugHandler* const handler = Platform::getDebugHandler("VeltroLibevent");
-  return *handler;
-}
-
 LibeventThread& LibeventThread::current() {
   thread_local LibeventThread thread;
   return thread;
@@ -75,11 +81,12 @@ event_base* LibeventThread::ensureBase() {
 }
 
 void LibeventThread::adopt(event_base* other) {
-  countForks();
-  if (base != other) serial = serials.fetch_add(1, std::memory_order_relaxed) + 1;
-  base = other;
-  forks = Veltro::forks.load(std::memory_order_relaxed);
   isMain = isMainThread();
+  if (base == other) return;
+  countForks();
+  base = other;
+  serial = serials.fetch_add(1, std::memory_order_relaxed) + 1;
+  forks = Veltro::forks.load(std::memory_order_relaxed);
 }
 
 bool LibeventThread::holds(U64 baseSerial) {
@@ -99,12 +106,7 @@ void LibeventThread::_ownAfterFork() {
 timeval toDelay(double seconds) {
   timeval delay{};
   if (!(seconds > 0)) return delay;
-  // Deadlines are told in wall-clock seconds, of which 32 bits are about to run out.
-  timeval now;
-  evutil_gettimeofday(&now, nullptr);
-  constexpr double kDay = 86400;
-  double const longest = std::max(
-      kDay, std::numeric_limits<std::int32_t>::max() - static_cast<double>(now.tv_sec) - kDay);
+  double const longest = longestDelay(seconds);
   double const whole = std::trunc(std::min(seconds, longest));
   delay.tv_sec = static_cast<decltype(delay.tv_sec)>(whole);
   delay.tv_usec =
@@ -138,8 +140,8 @@ bool leInitialized() { return LibeventThread::current().base != nullptr; }
 int doLeEventLoop() {
   LibeventThread& thread = LibeventThread::current();
   event_base* const base = thread.ensureBase();
-  fastForwardAll(thread);
   if (thread.thrown != nullptr) return event_base_dispatch(base);  // nested: refused, and noted
+  fastForwardAll(thread);
 
   std::exception_ptr thrown;
   struct Run {

@@ -8,8 +8,44 @@
 
 namespace Veltro {
 
-/// The module's handler, "VeltroLibevent".
-Platform::DebugHandler& libeventDebug();
+/// The module's handler, "VeltroLibevent". Made at load, never freed.
+inline Platform::DebugHandler& libeventDebug() {
+  static Platform::DebugHandler* const handler = Platform::getDebugHandler("VeltroLibevent");
+  return *handler;
+}
+
+/// Calls `body`, and `react` inside the catch block of what it throws; says whether it threw. The
+/// forced unwinding of a thread that is cancelled passes: swallowing it would end the process.
+template <typename Body, typename React>
+__attribute__((no_sanitize("undefined")))  // forced unwinding binds the reference to nothing
+bool catching(Body&& body, React&& react) {
+  try {
+    body();
+    return false;
+  } catch (abi::__forced_unwind&) {
+    throw;
+  } catch (...) {
+    react();
+    return true;
+  }
+}
+
+/// Stands on the stack around a handler's call, however that ends, and hears whether the control
+/// was destroyed in it: the control's destructor sets the flag that its member points to.
+class HandlerCall final {
+ public:
+  explicit HandlerCall(bool*& goneFlag) : goneFlag_(goneFlag) { goneFlag_ = &gone_; }
+  ~HandlerCall() {
+    if (!gone_) goneFlag_ = nullptr;
+  }
+  HandlerCall(HandlerCall const&) = delete;
+  HandlerCall& operator=(HandlerCall const&) = delete;
+  bool controlGone() const { return gone_; }
+
+ private:
+  bool*& goneFlag_;  // a member of the control: not there any more once that has gone
+  bool gone_ = false;
+};
 
 /// One thread's base. Trivially destructible: controls held by other thread-local objects use it
 /// to the very end of their thread.
@@ -29,6 +65,7 @@ struct LibeventThread {
   /// Whether an event assigned to the base of that number can still be touched; makes the base
   /// this process's own first.
   bool holds(U64 baseSerial);
+  /// Takes a base that this process made or was given; the same again changes nothing of it.
   void adopt(event_base* other);
 
   /// Runs a callback that libevent made: no exception may pass through libevent's frames, which
@@ -36,18 +73,11 @@ struct LibeventThread {
   /// owner of an adopted base runs it himself, nobody would, and it passes all the same.
   template <typename Body>
   void guard(Body&& body) {
-    if (thrown == nullptr) {
-      body();
-    } else {
-      try {
-        body();
-      } catch (abi::__forced_unwind&) {
-        throw;  // a thread being cancelled; swallowing it ends the process
-      } catch (...) {
-        *thrown = std::current_exception();
-        event_base_loopbreak(base);
-      }
-    }
+    catching(body, [this] {
+      if (thrown == nullptr) throw;
+      *thrown = std::current_exception();
+      event_base_loopbreak(base);
+    });
     _ownAfterFork();
   }
 

@@ -59,6 +59,11 @@ void LibeventTimerControl::delTimeout() {
   if (thread.holds(baseSerial_)) event_del(&timerEvent_);
 }
 
+bool LibeventTimerControl::armed() const {
+  return LibeventThread::current().holds(baseSerial_) &&
+         event_pending(&timerEvent_, EV_TIMEOUT, nullptr) != 0;
+}
+
 double LibeventTimerControl::remainingTimeout() const {
   timeval deadline{};
   if (!LibeventThread::current().holds(baseSerial_) ||
@@ -79,20 +84,12 @@ void LibeventTimerControl::handleTimeout(evutil_socket_t, short, void* control) 
 
 void LibeventTimerControl::handler() {
   fastForwardGone(LibeventThread::current(), timerEvent_);
-  bool gone = false;
-  gone_ = &gone;
-  try {
-    handler_->timeout();
-  } catch (abi::__forced_unwind&) {
-    throw;
-  } catch (...) {
-    // A handler that destroyed its control may be gone itself: nobody to ask.
-    if (gone || !handler_->handleTimeoutException()) {
-      if (!gone) gone_ = nullptr;
-      throw;
-    }
-  }
-  if (!gone) gone_ = nullptr;
+  HandlerCall const call(gone_);
+  catching([this] { handler_->timeout(); },
+           [&] {
+             // A handler that destroyed its control may be gone itself: nobody to ask.
+             if (call.controlGone() || !handler_->handleTimeoutException()) throw;
+           });
   // After every call that did not throw on, also one without an exception.
   VELTRO_TRACE(libeventDebug(), 9,
                "LibeventTimerControl::handler: Timeout notification exception was handled");

@@ -1,14 +1,9 @@
 #include "platform/OwnDebugHandler.h"
 
 namespace Veltro {
-
-Platform::DebugHandler& ownDebugHandler() {
-  static Platform::DebugHandler* const handler = Platform::getDebugHandler("KivVeltro");
-  return *handler;
-}
-
 namespace {
-[[maybe_unused]] Platform::DebugHandler& atLoad = ownDebugHandler();
-}  // namespace
 
+[[maybe_unused]] Platform::DebugHandler& atLoad = ownDebugHandler();
+
+}  // namespace
 }  // namespace Veltro

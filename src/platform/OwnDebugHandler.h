@@ -4,6 +4,9 @@
 namespace Veltro {
 
 /// The library's own handler, "KivVeltro". Made at load, never freed.
-Platform::DebugHandler& ownDebugHandler();
+inline Platform::DebugHandler& ownDebugHandler() {
+  static Platform::DebugHandler* const handler = Platform::getDebugHandler("KivVeltro");
+  return *handler;
+}
 
 }  // namespace Veltro

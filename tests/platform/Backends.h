@@ -42,9 +42,10 @@ struct Timeout final : Platform::TimeoutHandler {
   }
   bool handleTimeoutException() override {
     ++asked;
+    if (onAsked) onAsked();
     return answer;
   }
-  std::function<void()> onTimeout;
+  std::function<void()> onTimeout, onAsked;
   int calls = 0;
   int asked = 0;
   bool answer = false;

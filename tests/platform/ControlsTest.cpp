@@ -45,7 +45,7 @@ struct SocketPair {
 template <typename Backend>
 struct ControlsTest : testing::Test {};
 using Backends = testing::Types<KivBackend, LibeventBackend>;
-TYPED_TEST_SUITE(ControlsTest, Backends);
+TYPED_TEST_SUITE(ControlsTest, Backends, );
 
 TYPED_TEST(ControlsTest, timersFireOnceInTheOrderOfTheirDeadlines) {
   TypeParam::run([] {
@@ -287,6 +287,46 @@ TYPED_TEST(ControlsTest, anExceptionIsOfferedAndThenLeavesTheLoop) {
   });
 }
 
+TYPED_TEST(ControlsTest, theAnswerMayThrowOrDestroyTheControl) {
+  TypeParam::run([] {
+    struct {
+      char const* name;
+      bool destroys, throws, answer;
+      int leaves;  // 0 for none
+    } const cases[] = {
+        {"throws another", false, true, true, 2},
+        {"destroys, answers", true, false, true, 0},
+        {"destroys, does not answer", true, false, false, 1},
+        {"destroys, throws another", true, true, false, 2},
+    };
+    for (auto const& c : cases) {
+      SCOPED_TRACE(c.name);
+      Timeout handler([] { throw 1; });
+      auto timer = TypeParam::timer(&handler);
+      int const* offered = nullptr;
+      handler.answer = c.answer;
+      handler.onAsked = [&] {
+        if (c.destroys) timer.reset();
+        if (c.throws) throw 2;
+        try {
+          throw;
+        } catch (int const& fault) {
+          offered = &fault;
+        }
+      };
+      timer->setTimeout(0);
+      int left = 0;
+      try {
+        Platform::doEventLoop();
+      } catch (int const& fault) {
+        left = fault;
+        EXPECT_TRUE(c.throws || offered == &fault) << "a copy";
+      }
+      EXPECT_EQ(c.leaves, left);
+    }
+  });
+}
+
 TYPED_TEST(ControlsTest, aLimitedRunLastsItsTimeAndLeavesNothingBehind) {
   TypeParam::run([] {
     using Clock = std::chrono::steady_clock;
@@ -438,6 +478,36 @@ TYPED_TEST(ControlsTest, aForkedChildDisturbsNobody) {
     Platform::doEventLoop();
     EXPECT_EQ(1, events.reads);
     EXPECT_EQ(1, handler.calls);
+  });
+}
+
+TYPED_TEST(ControlsTest, aChildForkedInsideAHandlerGoesOnByItself) {
+  TypeParam::run([] {
+    SocketPair parents, childs;
+    FdEvents events;
+    auto const fd = TypeParam::fd(&events);
+    fd->setReads(true);
+    fd->setFd(parents.ends[0]);
+    events.onRead = [&](int) { fd->delFd(); };
+    pid_t child = -1;
+    Timeout handler([&] {
+      child = ::fork();
+      if (child == 0) {
+        ::alarm(20);
+        fd->setFd(childs.ends[0]);
+        childs.put(1);
+        return;
+      }
+      int status = -1;
+      ::waitpid(child, &status, 0);
+      EXPECT_EQ(0, status);
+      parents.put(1);
+    });
+    auto const timer = TypeParam::timer(&handler);
+    timer->setTimeout(0);
+    Platform::doEventLoop();
+    if (child == 0) ::_exit(events.reads == 1 ? 0 : 1);
+    EXPECT_EQ(1, events.reads);
   });
 }
 
