@@ -42,12 +42,12 @@ TEST_F(SharedTest, whatOneProcessWritesTheOtherReads) {
           .attach(8192, Mode::shared, true, ""));
   ASSERT_NE(nullptr, words);
   EXPECT_EQ(8192, size("made/on/the way/segment"));
-  EXPECT_TRUE(Veltro::passesInChild([&] {
+  Veltro::inChild([&] {
     auto* const theirs = static_cast<std::atomic<Kiv::U32>*>(
         Shared(temp.path("made/on/the way"), "segment", false, kDefault, true)
             .attach(8192, Mode::shared, true, ""));
     theirs[2047] = 42;
-  }));
+  });
   EXPECT_EQ(42u, words[2047]);
   ::munmap(words, 8192);
 }
@@ -119,7 +119,7 @@ TEST_F(SharedTest, aPrivateCopyKeepsItsWrites) {
 
 TEST_F(SharedTest, aFullFileSystemIsAnErrorNotASignal) {
   if (!Veltro::mayUnshare()) GTEST_SKIP() << "may not mount a file system here";
-  EXPECT_TRUE(Veltro::passesInChild([&] {
+  Veltro::inChild([&] {
     ASSERT_TRUE(Veltro::enterOwnMounts());
     ASSERT_EQ(0, ::mount("none", temp.path().c_str(), "tmpfs", 0, "size=64k"));
     auto* const bytes = static_cast<char volatile*>(attach("fits", 32768));
@@ -132,7 +132,7 @@ TEST_F(SharedTest, aFullFileSystemIsAnErrorNotASignal) {
     EXPECT_EQ(nullptr, attach("holes", 1 << 20));
     EXPECT_EQ(ENOSPC, errno);
     for (int i = 0; i < 32768; i += 4096) bytes[i] = 'x';
-  }));
+  });
 }
 
 TEST_F(SharedTest, racingAndKilledCreatorsLeaveAUsableFile) {
