@@ -228,11 +228,17 @@ TEST_P(RootTest, aRunMayEndItsOwnRoot) {
   });
 }
 
+// Declared first in a thread, so that it goes last: after the thread's root.
+struct FreeBaseAtThreadEnd {
+  ~FreeBaseAtThreadEnd() { leFree(); }
+};
+
 TEST(RootThreadsTest, aThreadMayEndWithAllItHas) {
   useThreadLocalSingletons();
   for (bool rootFirst : {true, false}) {
     std::weak_ptr<TaskSchedulerRoot> watch;
     std::thread([&] {
+      thread_local FreeBaseAtThreadEnd const freeBase;
       if (rootFirst) schedulerRootVeltro();
       thread_local std::vector<std::shared_ptr<_TaskBase>> live;
       live.reserve(8);
@@ -258,6 +264,7 @@ TEST(RootThreadsTest, eightThreadsEachWithItsOwn) {
   std::vector<std::thread> threads;
   for (std::string& name : names) {
     threads.emplace_back([&] {
+      thread_local FreeBaseAtThreadEnd const freeBase;
       auto const root = schedulerRootVeltro();
       EXPECT_EQ(root, schedulerRootVeltro());
       name = root->schedulerName();

@@ -41,6 +41,10 @@ std::chrono::steady_clock::time_point std::chrono::steady_clock::now() noexcept 
 
 void* operator new(std::size_t size) { return counted(size); }
 void* operator new[](std::size_t size) { return counted(size); }
+void* operator new(std::size_t size, std::nothrow_t const&) noexcept {
+  ++allocationCount;
+  return std::malloc(size);
+}
 void operator delete(void* memory) noexcept { std::free(memory); }
 void operator delete[](void* memory) noexcept { std::free(memory); }
 void operator delete(void* memory, std::size_t /*size*/) noexcept { std::free(memory); }
