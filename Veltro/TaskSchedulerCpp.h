@@ -3,6 +3,7 @@
 /// thread's event loop, timers, descriptors, groups, statistics and history.
 #include "Veltro/FileDescriptorTask.h"
 #include "Veltro/Task.h"
+#include "Veltro/TaskControls.h"
 #include "Veltro/TaskGroup.h"
 #include "Veltro/TaskPriority.h"
 #include "Veltro/TaskScheduler.h"

@@ -6,6 +6,7 @@
 
 #include "Veltro/LibeventFactoryCpp.h"
 #include "Veltro/Platform.h"
+#include "Veltro/TaskSchedulerRoot.h"
 
 namespace Veltro {
 
@@ -13,6 +14,7 @@ namespace Veltro {
 /// that loop; `timer`, `fd` and `callback` hand out controls there.
 
 struct FacadeControls {
+  static constexpr bool kDueHasTimeLeft = true;
   static auto timer(Platform::TimeoutHandler* h) { return Platform::getTimerControl(h); }
   static auto fd(Platform::FdEventHandler* h) { return Platform::getFdControl(h); }
   static auto callback(Platform::CallbackHandler* h) { return Platform::getCallbackControl(h); }
@@ -29,6 +31,22 @@ struct LibeventBackend : FacadeControls {
       body();
       leFree();
     }).join();
+  }
+};
+
+/// The same loops under a scheduler: every control is a task of the thread's root.
+template <typename Loop>
+struct TaskBackend {
+  static constexpr bool kDueHasTimeLeft = false;  // a timer that is due is a queued task
+  static void run(std::function<void()> const& body) { Loop::run(body); }
+  static auto timer(Platform::TimeoutHandler* h) {
+    return Platform::getTimerControl(h, schedulerRootVeltro(), TaskPriority::normal, "timer");
+  }
+  static auto fd(Platform::FdEventHandler* h) {
+    return Platform::getFdControl(h, schedulerRootVeltro(), TaskPriority::normal, "fd");
+  }
+  static auto callback(Platform::CallbackHandler* h) {
+    return Platform::getCallbackControl(h, schedulerRootVeltro(), TaskPriority::normal, "callback");
   }
 };
 

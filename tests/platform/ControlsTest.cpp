@@ -44,7 +44,8 @@ struct SocketPair {
 
 template <typename Backend>
 struct ControlsTest : testing::Test {};
-using Backends = testing::Types<KivBackend, LibeventBackend>;
+using Backends = testing::Types<KivBackend, LibeventBackend, TaskBackend<KivBackend>,
+                                TaskBackend<LibeventBackend>>;
 TYPED_TEST_SUITE(ControlsTest, Backends, );
 
 TYPED_TEST(ControlsTest, timersFireOnceInTheOrderOfTheirDeadlines) {
@@ -83,7 +84,9 @@ TYPED_TEST(ControlsTest, delaysAreNeverCutShort) {
         elapsed = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
       };
       timer->setTimeout(c.seconds);
-      EXPECT_EQ(c.seconds == kInfinity, timer->remainingTimeout() == kInfinity);
+      if (TypeParam::kDueHasTimeLeft || c.seconds > 0) {
+        EXPECT_EQ(c.seconds == kInfinity, timer->remainingTimeout() == kInfinity);
+      }
       if (!c.fires) {
         EXPECT_GT(timer->remainingTimeout(), 86400);
       }

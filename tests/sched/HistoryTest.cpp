@@ -1,12 +1,10 @@
-#include <gmock/gmock.h>
+#include "Veltro/TaskSchedulerHistory.h"
 
 #include <algorithm>
 #include <chrono>
-#include <optional>
 #include <sstream>
 
-#include "Veltro/TaskSchedulerHistory.h"
-#include "Veltro/TaskSchedulerRoot.h"
+#include "SchedSupport.h"
 #include "tests/support/Asserts.h"
 #include "tests/support/AwkwardStream.h"
 
@@ -47,7 +45,7 @@ struct HistoryTest : testing::Test {
 };
 
 TEST(SchedulerHistoryTest, printsLabelsTimesAndAges) {
-  std::shared_ptr<TaskSchedulerRoot> const root = schedulerRootVeltroNonShared("root");
+  auto const root = std::make_shared<ManualRoot>();
   TaskSchedulerHistory& history = *root->schedulerHistory();
   history.clear();
   for (unsigned type = 0; type < 20; ++type) {
@@ -138,7 +136,7 @@ TEST_F(HistoryTest, keepsTheLastTenThousandAndTheirNames) {
 }
 
 TEST_F(HistoryTest, refusesTypesThatDoNotFitTheSubject) {
-  std::shared_ptr<TaskSchedulerRoot> const root = schedulerRootVeltroNonShared("root");
+  auto const root = std::make_shared<ManualRoot>();
   ConstStringRef const task = history.cache().lookup("task");
   TimePoint const now;
   for (unsigned const type : {15u, 20u, 255u}) {

@@ -1,0 +1,121 @@
+#include "Veltro/TaskControls.h"
+
+#include <utility>
+
+#include "Veltro/TaskSchedulerRoot.h"
+
+namespace Veltro {
+namespace {
+
+// Inside the catch block of a handler's event: what the handler does not answer goes on.
+void offer(bool answered) {
+  if (!answered) throw;
+}
+
+}  // namespace
+
+Platform::TaskTimerControl::TaskTimerControl(TimeoutHandler* handler,
+                                             std::shared_ptr<TaskScheduler> scheduler,
+                                             TaskPriority priority, std::string const& name)
+    : TimerTask(std::move(scheduler), priority, name), handler_(handler) {}
+
+Platform::TaskTimerControl::~TaskTimerControl() = default;
+
+void Platform::TaskTimerControl::setTimeout(double seconds) { scheduleTaskDelay(seconds); }
+void Platform::TaskTimerControl::delTimeout() { stopTimerTask(); }
+double Platform::TaskTimerControl::remainingTimeout() const { return timerRemaining(); }
+
+void Platform::TaskTimerControl::taskExecute() {
+  try {
+    handler_->timeout();
+  } catch (...) {
+    offer(handler_->handleTimeoutException());
+  }
+}
+
+Platform::TaskCallbackControl::TaskCallbackControl(CallbackHandler* handler,
+                                                   std::shared_ptr<TaskScheduler> scheduler,
+                                                   TaskPriority priority, std::string const& name)
+    : Task(std::move(scheduler), priority, name), handler_(handler) {}
+
+Platform::TaskCallbackControl::~TaskCallbackControl() = default;
+
+void Platform::TaskCallbackControl::requestCallback() { scheduleTask(); }
+void Platform::TaskCallbackControl::cancelCallback() { unscheduleTask(); }
+bool Platform::TaskCallbackControl::pendingCallback() const { return taskScheduled(); }
+
+void Platform::TaskCallbackControl::taskExecute() {
+  try {
+    handler_->callback();
+  } catch (...) {
+    offer(handler_->handleCallbackException());
+  }
+}
+
+Platform::TaskFdControl::TaskFdControl(FdEventHandler* handler,
+                                       std::shared_ptr<TaskScheduler> scheduler,
+                                       TaskPriority priority, std::string const& name)
+    : FileDescriptorTask(std::move(scheduler), priority, name), handler_(handler) {}
+
+Platform::TaskFdControl::~TaskFdControl() = default;
+
+// An interest that is on already may have been dropped from the loop by clearEvents(): the task
+// would see nothing to do, so the loop is told.
+void Platform::TaskFdControl::setReads(bool on) {
+  if (on && taskWatchReadable()) {
+    taskScheduler()->schedulerRoot().fileDescriptorTaskWatchReadableIs(*this, true);
+  } else {
+    taskWatchReadableIs(on);
+  }
+}
+void Platform::TaskFdControl::setWrites(bool on) {
+  if (on && taskWatchWritable()) {
+    taskScheduler()->schedulerRoot().fileDescriptorTaskWatchWritableIs(*this, true);
+  } else {
+    taskWatchWritableIs(on);
+  }
+}
+
+void Platform::TaskFdControl::setFd(int fd) { taskWatchFdIs(fd); }
+void Platform::TaskFdControl::delFd() { taskWatchFdDel(); }
+int Platform::TaskFdControl::getFd() const { return taskWatchFd(); }
+void Platform::TaskFdControl::clearEvents() { preFdCloseCleanup(); }
+
+// The descriptor is read before the event, which may take it off.
+void Platform::TaskFdControl::taskExecuteReadable() {
+  int const fd = getFd();
+  try {
+    handler_->readFdEvent(fd);
+  } catch (...) {
+    offer(handler_->handleFdException(fd));
+  }
+}
+
+void Platform::TaskFdControl::taskExecuteWritable() {
+  int const fd = getFd();
+  try {
+    handler_->writeFdEvent(fd);
+  } catch (...) {
+    offer(handler_->handleFdException(fd));
+  }
+}
+
+std::shared_ptr<Platform::TimerControl> Platform::getTimerControl(
+    TimeoutHandler* handler, std::shared_ptr<TaskScheduler> scheduler, TaskPriority priority,
+    std::string const& name) {
+  return std::make_shared<TaskTimerControl>(handler, std::move(scheduler), priority, name);
+}
+
+std::shared_ptr<Platform::FdControl> Platform::getFdControl(
+    FdEventHandler* handler, std::shared_ptr<TaskScheduler> scheduler, TaskPriority priority,
+    std::string const& name) {
+  return std::make_shared<TaskFdControl>(handler, std::move(scheduler), priority, name);
+}
+
+std::shared_ptr<Platform::CallbackControl> Platform::getCallbackControl(
+    CallbackHandler* handler, std::shared_ptr<TaskScheduler> scheduler, TaskPriority priority,
+    std::string const& name) {
+  return std::make_shared<TaskCallbackControl>(handler, std::move(scheduler), priority, name);
+}
+
+}  // namespace Veltro

@@ -1,0 +1,197 @@
+#include "Veltro/TaskControls.h"
+
+#include <cmath>
+#include <functional>
+#include <limits>
+#include <stdexcept>
+
+#include "SchedSupport.h"
+
+namespace Veltro {
+namespace {
+
+struct Handler : Platform::TimeoutHandler, Platform::FdEventHandler, Platform::CallbackHandler {
+  std::vector<std::string> calls;
+  std::function<void()> action;
+  bool answer = false;
+
+  void timeout() override { event("timeout"); }
+  void readFdEvent(int fd) override { event("read " + std::to_string(fd)); }
+  void writeFdEvent(int fd) override { event("write " + std::to_string(fd)); }
+  void callback() override { event("callback"); }
+  bool handleTimeoutException() override { return answered("timeout"); }
+  bool handleFdException(int fd) override { return answered(std::to_string(fd)); }
+  bool handleCallbackException() override { return answered("callback"); }
+
+  void event(std::string const& name) {
+    calls.push_back(name);
+    if (action) action();
+  }
+  bool answered(std::string const& name) {
+    EXPECT_THROW(throw, std::runtime_error);  // asked while the exception is being handled
+    calls.push_back("exception " + name);
+    return answer;
+  }
+  std::vector<std::string> take() { return std::exchange(calls, {}); }
+};
+
+using Calls = std::vector<std::string>;
+
+struct TaskControlsTest : SchedTest {
+  Handler handler;
+  std::shared_ptr<Platform::TimerControl> timer =
+      Platform::getTimerControl(&handler, root, TaskPriority::high, "timer");
+  std::shared_ptr<Platform::FdControl> fd =
+      Platform::getFdControl(&handler, root, TaskPriority::low, "fd");
+  std::shared_ptr<Platform::CallbackControl> callback =
+      Platform::getCallbackControl(&handler, root, TaskPriority::normal, "callback");
+
+  TimerTask& timerTask() { return dynamic_cast<TimerTask&>(*timer); }
+  FileDescriptorTask& fdTask() { return dynamic_cast<FileDescriptorTask&>(*fd); }
+  void runAll() {
+    while (root->turn()) {
+    }
+  }
+};
+
+TEST_F(TaskControlsTest, callbackIsPendingFromRequestToRun) {
+  EXPECT_FALSE(callback->pendingCallback());
+  callback->requestCallback();
+  callback->requestCallback();
+  EXPECT_TRUE(callback->pendingCallback());
+  callback->cancelCallback();
+  EXPECT_FALSE(callback->pendingCallback());
+  runAll();
+  EXPECT_EQ(Calls(), handler.take());
+
+  callback->requestCallback();
+  handler.action = [&] {
+    EXPECT_FALSE(callback->pendingCallback());
+    if (handler.calls.size() == 1) callback->requestCallback();
+  };
+  runAll();
+  EXPECT_EQ((Calls{"callback", "callback"}), handler.take());
+}
+
+TEST_F(TaskControlsTest, timerQueuesItsCallWhenItExpires) {
+  double const never = std::numeric_limits<double>::infinity();
+  EXPECT_EQ(never, timer->remainingTimeout());
+  timer->setTimeout(2.5);
+  EXPECT_EQ(2.5, timer->remainingTimeout());
+  timer->setTimeout(never);
+  EXPECT_EQ(never, timer->remainingTimeout());
+
+  timer->setTimeout(1);
+  root->fire(timerTask());
+  EXPECT_EQ(never, timer->remainingTimeout());
+  timer->delTimeout();
+  runAll();
+  EXPECT_EQ(Calls(), handler.take());
+
+  handler.action = [&] { timer->setTimeout(3); };
+  timer->setTimeout(0);
+  runAll();
+  EXPECT_EQ(Calls{"timeout"}, handler.take());
+  EXPECT_EQ(3, timer->remainingTimeout());
+}
+
+TEST_F(TaskControlsTest, descriptorEventsCallTheHandlerWithTheDescriptor) {
+  fd->setFd(7);
+  EXPECT_EQ(7, fd->getFd());
+  EXPECT_FALSE(fdTask().taskWatchReadable());
+  EXPECT_FALSE(fdTask().taskWatchWritable());
+  fd->setReads(true);
+  fd->setWrites(true);
+  fdTask().handleWritable();
+  fdTask().handleReadable();
+  runAll();
+  EXPECT_EQ((Calls{"write 7", "read 7"}), handler.take());
+
+  fdTask().handleReadable();
+  fd->setReads(false);
+  runAll();
+  EXPECT_EQ(Calls(), handler.take());
+  fd->delFd();
+  EXPECT_EQ(-1, fd->getFd());
+}
+
+TEST_F(TaskControlsTest, urgentHandlersComeFirst) {
+  fd->setFd(7);
+  fd->setReads(true);
+  fdTask().handleReadable();
+  callback->requestCallback();
+  timer->setTimeout(0);
+  runAll();
+  EXPECT_EQ((Calls{"timeout", "callback", "read 7"}), handler.take());
+  EXPECT_EQ("timer", timerTask().taskName());
+  EXPECT_EQ("fd", fdTask().taskName());
+}
+
+// Thrown after the handler has taken the descriptor off, which it is still told.
+TEST_F(TaskControlsTest, exceptionsAreOfferedToTheHandler) {
+  struct {
+    char const* event;
+    std::function<void()> trigger;
+    char const* exception;
+  } const cases[] = {
+      {"timeout", [&] { timer->setTimeout(0); }, "exception timeout"},
+      {"callback", [&] { callback->requestCallback(); }, "exception callback"},
+      {"read 7", [&] { fdTask().handleReadable(); }, "exception 7"},
+      {"write 7", [&] { fdTask().handleWritable(); }, "exception 7"},
+  };
+  fd->setReads(true);
+  fd->setWrites(true);
+  handler.action = [&] {
+    fd->delFd();
+    throw std::runtime_error("out of the handler");
+  };
+  for (auto const& c : cases) {
+    for (bool const answer : {true, false}) {
+      SCOPED_TRACE(c.event);
+      handler.answer = answer;
+      fd->setFd(7);
+      c.trigger();
+      if (answer) {
+        EXPECT_NO_THROW(runAll());
+      } else {
+        EXPECT_THROW(runAll(), std::runtime_error);
+      }
+      EXPECT_EQ((Calls{c.event, c.exception}), handler.take());
+      EXPECT_NO_THROW(runAll());
+      EXPECT_EQ(Calls(), handler.take());
+    }
+  }
+}
+
+TEST_F(TaskControlsTest, releasedInsideItsHandlerItIsNotRunAgain) {
+  handler.action = [&] {
+    timer->setTimeout(1);
+    timer.reset();
+    callback->requestCallback();
+    callback.reset();
+    fd.reset();
+  };
+  fd->setFd(7);
+  fd->setReads(true);
+  fdTask().handleReadable();
+  callback->requestCallback();
+  timer->setTimeout(0);
+  runAll();
+  EXPECT_EQ(Calls{"timeout"}, handler.take());
+  EXPECT_EQ(0u, root->registeredTaskCount());
+}
+
+TEST(TaskControlsWithoutSchedulerTest, areRefused) {
+  Handler handler;
+  EXPECT_EQ("Need a TaskScheduler", assertionOf([&] {
+              Platform::getTimerControl(&handler, nullptr, TaskPriority::low, "");
+            }));
+  EXPECT_EQ("Need a TaskScheduler",
+            assertionOf([&] { Platform::getFdControl(&handler, nullptr, TaskPriority::low, ""); }));
+  EXPECT_EQ("Need a TaskScheduler", assertionOf([&] {
+              Platform::getCallbackControl(&handler, nullptr, TaskPriority::low, "");
+            }));
+}
+
+}  // namespace
+}  // namespace Veltro
