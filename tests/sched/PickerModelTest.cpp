@@ -47,7 +47,9 @@ struct Model {
 class PickerModelTest : public SchedTest, public testing::WithParamInterface<unsigned> {};
 
 TEST_P(PickerModelTest, agreesOverRandomOperations) {
-  std::mt19937 random(GetParam());
+  auto random = [engine = std::mt19937(GetParam())]() mutable {
+    return static_cast<unsigned>(engine());
+  };
   Model model;
   unsigned const count = 3 + random() % 40;
   std::vector<std::shared_ptr<DoTask>> tasks(count);
