@@ -62,7 +62,9 @@ class VELTRO_API _TaskBase : public std::enable_shared_from_this<_TaskBase> {
   _TaskBase(std::shared_ptr<TaskScheduler> scheduler, TaskPriority priority,
             std::string const& name);
 
-  void taskBusyIs(bool busy, TimePoint now);
+  void taskBusyIs(bool busy, TimePoint now) {
+    if (busy != busy_) _busyChanged(busy, now);
+  }
   /// The `now` of the last taskBusyIs() that changed something: the time for handleTaskBusy().
   TimePoint taskBusyChangedAt() const { return busyChangedAt_; }
 
@@ -71,6 +73,8 @@ class VELTRO_API _TaskBase : public std::enable_shared_from_this<_TaskBase> {
 
  private:
   friend class TaskScheduler;
+  void _busyChanged(bool busy, TimePoint now);
+
   std::shared_ptr<TaskScheduler> const scheduler_;
   ConstStringRef const taskName_;
   ConstStringRef taskStatsName_;
@@ -160,7 +164,12 @@ class VELTRO_API TaskImpl : public _TaskBase {
   void _execute(TimePoint now);
   void _accountRun(Nanoseconds elapsed);
   void _accountViolation(Nanoseconds elapsed);
-  void _schedulingLatencyIs(TimePoint now);
+  void _schedulingLatencyIs(TimePoint now) {
+    lastSchedulingLatency_ = now - scheduledAt_;
+    if (lastSchedulingLatency_ > maxSchedulingLatency_) {
+      maxSchedulingLatency_ = lastSchedulingLatency_;
+    }
+  }
   void _forceYieldOn();
   void _forceYieldOff();
 

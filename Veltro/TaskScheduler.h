@@ -98,8 +98,13 @@ class VELTRO_API TaskScheduler : public std::enable_shared_from_this<TaskSchedul
   TaskScheduler(std::string const& name, TaskSchedulerRoot* root,
                 std::shared_ptr<TaskSchedulerHistory> history);
 
-  void schedulerHasRunnableTasksIs(bool runnable, TimePoint now);
-  void requestSchedulerRunAndRecord(TimePoint now);
+  void schedulerHasRunnableTasksIs(bool runnable, TimePoint now) {
+    if (runnable != hasRunnableTasks_) _hasRunnableTasksChanged(runnable, now);
+  }
+  void requestSchedulerRunAndRecord(TimePoint now) {
+    runRequestedAt_ = now;
+    requestSchedulerRun();
+  }
   void checkSchedulerLatency();
   /// Takes a task of priority `from` or lower off its queue; null when there is none.
   TaskImpl* pickOneTask(TimePoint now, TaskPriority from);
@@ -138,8 +143,17 @@ class VELTRO_API TaskScheduler : public std::enable_shared_from_this<TaskSchedul
 
   PriorityRecord& _record(TaskPriority priority);
   PriorityRecord const& _record(TaskPriority priority) const;
-  void _enqueue(TaskImpl& task);
-  void _cancel(TaskImpl& task);
+  void _enqueue(TaskImpl& task) {
+    PriorityRecord& record = records_[task.taskPriority().value()];
+    record.runQueue.pushBack(task);
+    ++record.enqueued;
+  }
+  void _cancel(TaskImpl& task) {
+    PriorityRecord& record = records_[task.taskPriority().value()];
+    record.runQueue.erase(task);
+    --record.enqueued;
+  }
+  void _hasRunnableTasksChanged(bool runnable, TimePoint now);
   void taskForceYieldInTestNotify(TaskImpl* task, bool force);
   void handleResetStatsTaskRun();
   void _runTask(TaskImpl& task, TimePoint now);

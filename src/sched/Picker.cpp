@@ -20,18 +20,6 @@ TaskScheduler::PriorityRecord const& TaskScheduler::_record(TaskPriority priorit
   return const_cast<TaskScheduler*>(this)->_record(priority);
 }
 
-void TaskScheduler::_enqueue(TaskImpl& task) {
-  PriorityRecord& record = _record(task.taskPriority());
-  record.runQueue.pushBack(task);
-  ++record.enqueued;
-}
-
-void TaskScheduler::_cancel(TaskImpl& task) {
-  PriorityRecord& record = _record(task.taskPriority());
-  record.runQueue.erase(task);
-  --record.enqueued;
-}
-
 void TaskScheduler::taskSchedulerUnlinkTask(TimePoint now, TaskImpl& task) {
   VELTRO_ASSERT(schedDebug(), task.taskPriority() < TaskPriority(TaskPriority::oneBeyondLast),
                 "Task: " << task << " priority: " << task.taskPriority());

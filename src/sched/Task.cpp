@@ -43,8 +43,7 @@ void _TaskBase::sanityCheckCurrentRunningThread() const {
   scheduler_->schedulerRoot().sanityCheckCurrentRunningThread();
 }
 
-void _TaskBase::taskBusyIs(bool busy, TimePoint now) {
-  if (busy == busy_) return;
+void _TaskBase::_busyChanged(bool busy, TimePoint now) {
   busy_ = busy;
   busyChangedAt_ = now;
   scheduler_->schedulerHistory()->insert(
@@ -87,10 +86,10 @@ void TaskImpl::handleDestroy() {
 bool TaskImpl::taskScheduled() const { return taskRunQueueLink_.isLinked(); }
 
 void TaskImpl::scheduleTask() {
-  sanityCheckCurrentRunningThread();
+  TaskScheduler& scheduler = *taskScheduler();
+  scheduler.root_->sanityCheckCurrentRunningThread();
   if (taskRunQueueLink_.isLinked()) return;
   TimePoint const now = Clock::now();
-  TaskScheduler& scheduler = *taskScheduler();
   if (taskSuspendedForTest_) {
     scheduler.history_->insert(now, TaskSchedulerEventType::scheduleSuspended, taskNameRef());
     taskBusyIs(taskScheduled(), now);  // a timer that fired has just stopped being scheduled
@@ -117,11 +116,6 @@ void TaskImpl::unscheduleTaskPrivate(TimePoint now) {
   taskScheduler()->history_->insert(now, TaskSchedulerEventType::unschedule, taskNameRef());
   taskScheduler()->_cancel(*this);
   _schedulingLatencyIs(now);
-}
-
-void TaskImpl::_schedulingLatencyIs(TimePoint now) {
-  lastSchedulingLatency_ = now - scheduledAt_;
-  maxSchedulingLatency_ = std::max(maxSchedulingLatency_, lastSchedulingLatency_);
 }
 
 void TaskImpl::taskQuantumIs(Nanoseconds quantum) {

@@ -1,4 +1,5 @@
 // One run of a task: the protocol around taskExecute() and the check of its quantum.
+#include <atomic>
 #include <chrono>
 #include <memory>
 
@@ -13,7 +14,17 @@ namespace Veltro {
 
 namespace {
 using Clock = std::chrono::steady_clock;
-constexpr std::chrono::microseconds kYieldCheckInterval{500};
+
+/// Ticks of the time-stamp counter between two looks at the clock; 0 while the rate is not known.
+U64 yieldCheckTicks() {
+  static std::atomic<U64> known{0};
+  U64 ticks = known.load(std::memory_order_relaxed);
+  if (ticks == 0) {
+    ticks = Kiv::TimeStampCounter::ticks(std::chrono::microseconds(500));
+    known.store(ticks, std::memory_order_relaxed);
+  }
+  return ticks;
+}
 
 U64 percentageOf(std::chrono::nanoseconds part, std::chrono::nanoseconds whole) {
   using Seconds = std::chrono::duration<double>;
@@ -90,8 +101,7 @@ bool TaskImpl::taskShouldYield() const {
       schedDebug(), taskCurrentlyRunning_ || taskRunCount_ == 0,
       "taskCurrentlyRunning: " << taskCurrentlyRunning_ << " taskRunCount: " << taskRunCount_);
   U64 const ticks = Kiv::TimeStampCounter::now();
-  if (ticks >= yieldCheckpoint_ &&
-      ticks < yieldCheckpoint_ + Kiv::TimeStampCounter::ticks(kYieldCheckInterval) &&
+  if (ticks >= yieldCheckpoint_ && ticks < yieldCheckpoint_ + yieldCheckTicks() &&
       !taskForceYieldInTest_) {
     return false;
   }

@@ -88,8 +88,7 @@ void TaskScheduler::taskForceYieldInTestNotify(TaskImpl* task, bool force) {
   handleTaskForceYieldInTest();
 }
 
-void TaskScheduler::schedulerHasRunnableTasksIs(bool runnable, TimePoint now) {
-  if (runnable == hasRunnableTasks_) return;
+void TaskScheduler::_hasRunnableTasksChanged(bool runnable, TimePoint now) {
   hasRunnableTasks_ = runnable;
   if (runnable) {
     VELTRO_TRACE(schedDebug(), 8, *this << " Scheduler has runnable tasks, request run");
@@ -99,11 +98,6 @@ void TaskScheduler::schedulerHasRunnableTasksIs(bool runnable, TimePoint now) {
     history_->insert(now, TaskSchedulerEventType::schedulerIdle, this);
     VELTRO_TRACE(schedDebug(), 8, *this << " Scheduler idle");
   }
-}
-
-void TaskScheduler::requestSchedulerRunAndRecord(TimePoint now) {
-  runRequestedAt_ = now;
-  requestSchedulerRun();
 }
 
 void TaskScheduler::checkSchedulerLatency() {
@@ -154,12 +148,12 @@ void TaskScheduler::_runTask(TaskImpl& task, TimePoint now) {
 }
 
 std::shared_ptr<_TaskBase> TaskScheduler::_lock(TaskImpl& task, TimePoint now) {
-  std::shared_ptr<_TaskBase> locked = task.weak_from_this().lock();
-  if (!locked) {
-    task.taskBusyIs(task.taskScheduled(), now);
-    throw std::bad_weak_ptr();
+  try {
+    return task.shared_from_this();
+  } catch (std::bad_weak_ptr const&) {
+    task.taskBusyIs(task.taskScheduled(), now);  // off the queue, and will not run
+    throw;
   }
-  return locked;
 }
 
 std::ostream& operator<<(std::ostream& stream, TaskScheduler const& scheduler) {
