@@ -1,5 +1,4 @@
-// What the back ends write, to the letter.
-#include <fcntl.h>
+// What the back ends write, to the letter. A record reads "level text".
 #include <gmock/gmock.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -15,11 +14,13 @@
 namespace Veltro {
 namespace {
 
-using testing::ElementsAreArray;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::StartsWith;
+using Action = std::function<void()>;
 using Lines = std::vector<std::string>;
 
-/// The records of a category, each as "level text".
-Lines traces(char const* category, std::function<void()> const& body) {
+Lines traces(char const* category, Action const& body) {
   Platform::setTraceFormat("%l %m");
   Platform::setupVeltroDebug(category);
   Lines lines = standardError(body);
@@ -27,231 +28,150 @@ Lines traces(char const* category, std::function<void()> const& body) {
   Platform::clearTraceFormat();
   return lines;
 }
+Lines kiv(Action const& body) { return traces("KivVeltro", body); }
+Lines libevent(Action const& body) { return traces("VeltroLibevent", body); }
 
-struct Step {
-  char const* name;
-  std::function<void()> action;
-  Lines records;
-};
+void throwOne() { throw 1; }
 
-void expectRecords(char const* category, std::vector<Step> const& steps) {
-  for (auto const& step : steps) {
-    EXPECT_THAT(traces(category, step.action), ElementsAreArray(step.records)) << step.name;
-  }
-}
-
-void runIgnoringExceptions(int (*run)()) {
+/// Runs a loop that a handler may leave by exception.
+void run(int (*loop)() = &Platform::doEventLoop) {
   try {
-    run();
+    loop();
   } catch (int) {
   }
 }
-void run() {
-  runIgnoringExceptions([] { return Platform::doEventLoop(); });
-}
-void runLibevent() {
-  runIgnoringExceptions([] { return doLeEventLoop(); });
+void fire(Platform::TimerControl& timer, int (*loop)() = &Platform::doEventLoop) {
+  timer.setTimeout(0);
+  run(loop);
 }
 
+struct DescriptorTracesTest : testing::Test {
+  DescriptorTracesTest() { EXPECT_EQ(0, ::socketpair(AF_UNIX, SOCK_STREAM, 0, ends)); }
+  ~DescriptorTracesTest() override {
+    ::close(ends[0]);
+    ::close(ends[1]);
+  }
+  int ends[2] = {-1, -1};
+};
+
 TEST(TracesTest, typeSystemTimersAndCallbacks) {
-  std::string const set = "5 KivVeltro::ClockTimer::setTimeout()";
-  std::string const del = "5 KivVeltro::ClockTimer::delTimeout()";
-  std::string const remaining = "5 KivVeltro::ClockTimer::remainingTimeout()";
-  std::string const fired = "5 KivVeltro::ClockTimer::onTime()";
-  std::string const orphan = "5 KivVeltro::ClockTimer::Notifiee::orphan()";
-  std::string const ignored = "5 KivVeltro::ClockTimer::Notifiee::onTime() ignoring orphan";
+  std::string const prefix = "5 KivVeltro::ClockTimer::";
+  std::string const set = prefix + "setTimeout()", del = prefix + "delTimeout()";
+  std::string const remaining = prefix + "remainingTimeout()", fired = prefix + "onTime()";
+  std::string const orphan = prefix + "Notifiee::orphan()";
+  std::string const ignored = prefix + "Notifiee::onTime() ignoring orphan";
   std::string const handled =
       "9 ClockTimer::Notifiee::onNotificationException: "
       "Timeout notification exception was handled";
-  Timeout handler, killer;
-  Callback back;
-  std::shared_ptr<Platform::TimerControl> timer, first;
-  std::shared_ptr<Platform::CallbackControl> callback;
-  expectRecords("KivVeltro",
-                {
-                    {"make", [&] { timer = Platform::getTimerControl(&handler); }, {}},
-                    {"arm", [&] { timer->setTimeout(100); }, {set}},
-                    {"ask", [&] { timer->remainingTimeout(); }, {remaining}},
-                    {"disarm", [&] { timer->delTimeout(); }, {del}},
-                    {"arm for now", [&] { timer->setTimeout(0); }, {set}},
-                    {"fire", [] { run(); }, {fired}},
-                    {"throw, answered",
-                     [&] {
-                       handler.answer = true;
-                       handler.onTimeout = [] { throw 1; };
-                       timer->setTimeout(0);
-                       run();
-                     },
-                     {set, fired, handled}},
-                    {"throw, unanswered",
-                     [&] {
-                       handler.answer = false;
-                       timer->setTimeout(0);
-                       run();
-                     },
-                     {set, fired, handled}},
-                    {"destroy", [&] { timer.reset(); }, {orphan, del}},
-                    {"destroy one that is about to fire",
-                     [&] {
-                       killer.onTimeout = [&] { timer.reset(); };
-                       first = Platform::getTimerControl(&killer);
-                       timer = Platform::getTimerControl(&handler);
-                       first->setTimeout(0);
-                       timer->setTimeout(0);
-                       run();
-                     },
-                     {set, set, fired, orphan, del, ignored}},
-                    {"request",
-                     [&] { (callback = Platform::getCallbackControl(&back))->requestCallback(); },
-                     {set}},
-                    {"call, answered",
-                     [&] {
-                       back.answer = true;
-                       back.onCallback = [] { throw 1; };
-                       run();
-                     },
-                     {fired, handled}},
-                    {"cancel", [&] { callback->cancelCallback(); }, {del}},
-                    {"ask for a call", [&] { callback->pendingCallback(); }, {remaining}},
-                });
-  EXPECT_EQ(3, handler.calls);
+  Timeout handler;
+  std::shared_ptr<Platform::TimerControl> timer;
+  EXPECT_THAT(kiv([&] { timer = Platform::getTimerControl(&handler); }), IsEmpty());
+  EXPECT_THAT(kiv([&] { timer->setTimeout(100); }), ElementsAre(set));
+  EXPECT_THAT(kiv([&] { timer->remainingTimeout(); }), ElementsAre(remaining));
+  EXPECT_THAT(kiv([&] { timer->delTimeout(); }), ElementsAre(del));
+  EXPECT_THAT(kiv([&] { fire(*timer); }), ElementsAre(set, fired));
+  handler.onTimeout = throwOne;
+  for (bool const answer : {false, true}) {
+    handler.answer = answer;
+    EXPECT_THAT(kiv([&] { fire(*timer); }), ElementsAre(set, fired, handled)) << answer;
+  }
+  EXPECT_THAT(kiv([&] { timer.reset(); }), ElementsAre(orphan, del));
+
+  timer = Platform::getTimerControl(&handler);
+  Timeout killer([&] { timer.reset(); });
+  auto const first = Platform::getTimerControl(&killer);
+  first->setTimeout(0);
+  timer->setTimeout(0);
+  EXPECT_THAT(kiv([] { run(); }), ElementsAre(fired, orphan, del, ignored));
+
+  Callback back(throwOne);
+  auto const callback = Platform::getCallbackControl(&back);
+  EXPECT_THAT(kiv([&] { callback->requestCallback(); }), ElementsAre(set));
+  EXPECT_THAT(kiv([&] { callback->pendingCallback(); }), ElementsAre(remaining));
+  EXPECT_THAT(kiv([] { run(); }), ElementsAre(fired, handled));
+  EXPECT_THAT(kiv([&] { callback->cancelCallback(); }), ElementsAre(del));
 }
 
-TEST(TracesTest, typeSystemDescriptors) {
-  int ends[2];
-  ASSERT_EQ(0, ::socketpair(AF_UNIX, SOCK_STREAM, 0, ends));
-  std::string const fd = std::to_string(ends[0]);
-  std::string const prefix = "5 KivVeltro::FileDescriptor::";
+TEST_F(DescriptorTracesTest, typeSystem) {
+  std::string const fd = std::to_string(ends[0]), prefix = "5 KivVeltro::FileDescriptor::";
+  std::string const set = prefix + "setFd() registering fd:" + fd;
   std::string const clear = prefix + "clearEvents() fd:" + fd;
   std::string const del = prefix + "delFd() deleting fd:" + fd;
+  std::string const orphan = prefix + "Notifiee::orphan() fd:" + fd;
+  std::string const readable = prefix + "onReadableCount() fd:" + fd + "readableCount:1";
+  std::string const writable = prefix + "onWritableCount() fd:" + fd + "writableCount:1";
   std::string const handled =
       "9 FileDescriptor::Notifiee::onNotificationException: Fd notification exception was handled";
   FdEvents handler;
+  handler.onRead = handler.onWrite = [](int) { throw 1; };
   std::shared_ptr<Platform::FdControl> control;
-  expectRecords(
-      "KivVeltro",
-      {
-          {"make",
-           [&] { control = Platform::getFdControl(&handler); },
-           {prefix + "FileDescriptor()"}},
-          {"bind", [&] { control->setFd(ends[0]); }, {prefix + "setFd() registering fd:" + fd}},
-          {"reads", [&] { control->setReads(true); }, {prefix + "setReads():1"}},
-          {"writes", [&] { control->setWrites(true); }, {prefix + "setWrites():1"}},
-          {"writable",
-           [&] {
-             handler.onWrite = [](int) { throw 1; };
-             run();
-           },
-           {prefix + "onWritableCount() fd:" + fd + "writableCount:1", handled}},
-          {"no writes", [&] { control->setWrites(false); }, {prefix + "setWrites():0"}},
-          {"readable",
-           [&] {
-             EXPECT_EQ(1, ::write(ends[1], "x", 1));
-             handler.onRead = [](int) { throw 1; };
-             run();
-           },
-           {prefix + "onReadableCount() fd:" + fd + "readableCount:1", handled}},
-          {"clear", [&] { control->clearEvents(); }, {clear}},
-          {"unbind", [&] { control->delFd(); }, {del, clear}},
-          {"destroy",
-           [&] {
-             control->setFd(ends[0]);
-             control.reset();
-           },
-           {prefix + "setFd() registering fd:" + fd, prefix + "Notifiee::orphan() fd:" + fd, del,
-            clear}},
-      });
-  ::close(ends[0]);
-  ::close(ends[1]);
+  EXPECT_THAT(kiv([&] { control = Platform::getFdControl(&handler); }),
+              ElementsAre(prefix + "FileDescriptor()"));
+  EXPECT_THAT(kiv([&] { control->setFd(ends[0]); }), ElementsAre(set));
+  EXPECT_THAT(kiv([&] { control->setWrites(true); }), ElementsAre(prefix + "setWrites():1"));
+  EXPECT_THAT(kiv([] { run(); }), ElementsAre(writable, handled));
+  EXPECT_THAT(kiv([&] { control->setWrites(false); }), ElementsAre(prefix + "setWrites():0"));
+  EXPECT_THAT(kiv([&] { control->setReads(true); }), ElementsAre(prefix + "setReads():1"));
+  EXPECT_EQ(1, ::write(ends[1], "x", 1));
+  EXPECT_THAT(kiv([] { run(); }), ElementsAre(readable, handled));
+  EXPECT_THAT(kiv([&] { control->clearEvents(); }), ElementsAre(clear));
+  EXPECT_THAT(kiv([&] { control->delFd(); }), ElementsAre(del, clear));
+  control->setFd(ends[0]);
+  EXPECT_THAT(kiv([&] { control.reset(); }), ElementsAre(orphan, del, clear));
 }
 
-TEST(TracesTest, libeventNotes) {
+TEST_F(DescriptorTracesTest, libeventNotesWhatDidNotLeaveTheLoop) {
   std::string const timerNote =
       "9 LibeventTimerControl::handler: Timeout notification exception was handled";
   std::string const callbackNote =
       "9 LibeventCallbackControl::timeout: Callback notification exception was handled";
+  auto const again = [](Platform::TimerControl& timer) { fire(timer, &doLeEventLoop); };
   Timeout handler;
-  Callback back;
-  FdEvents events;
-  int ends[2];
-  ASSERT_EQ(0, ::pipe(ends));
   auto const timer = getLeTimerControl(&handler);
+  EXPECT_THAT(libevent([&] { timer->remainingTimeout(); }), IsEmpty());
+  EXPECT_THAT(libevent([&] { again(*timer); }), ElementsAre(timerNote)) << "nothing was thrown";
+  handler.onTimeout = throwOne;
+  EXPECT_THAT(libevent([&] { again(*timer); }), IsEmpty());
+  handler.answer = true;
+  EXPECT_THAT(libevent([&] { again(*timer); }), ElementsAre(timerNote));
+
+  Callback back;
   auto const callback = getLeCallbackControl(&back);
-  auto const fd = getLeFdControl(&events);
-  auto const fire = [&](bool answer) {
-    handler.answer = back.answer = events.answer = answer;
-    runLibevent();
+  auto const call = [&] {
+    callback->requestCallback();
+    run(&doLeEventLoop);
   };
-  expectRecords("VeltroLibevent",
-                {
-                    {"ask before the first arming", [&] { timer->remainingTimeout(); }, {}},
-                    {"timer",
-                     [&] {
-                       timer->setTimeout(0);
-                       fire(false);
-                     },
-                     {timerNote}},
-                    {"timer, answered",
-                     [&] {
-                       handler.onTimeout = [] { throw 1; };
-                       timer->setTimeout(0);
-                       fire(true);
-                     },
-                     {timerNote}},
-                    {"timer, unanswered",
-                     [&] {
-                       timer->setTimeout(0);
-                       fire(false);
-                     },
-                     {}},
-                    {"callback",
-                     [&] {
-                       callback->requestCallback();
-                       fire(false);
-                     },
-                     {timerNote}},
-                    {"callback, answered",
-                     [&] {
-                       back.onCallback = [] { throw 1; };
-                       callback->requestCallback();
-                       fire(true);
-                     },
-                     {callbackNote, timerNote}},
-                    {"callback, unanswered",
-                     [&] {
-                       callback->requestCallback();
-                       fire(false);
-                     },
-                     {}},
-                    {"descriptor, answered",
-                     [&] {
-                       events.onWrite = [&](int) {
-                         fd->delFd();
-                         throw 1;
-                       };
-                       fd->setWrites(true);
-                       fd->setFd(ends[1]);
-                       fire(true);
-                     },
-                     {}},
-                });
+  EXPECT_THAT(libevent(call), ElementsAre(timerNote));
+  back.onCallback = throwOne;
+  EXPECT_THAT(libevent(call), IsEmpty());
+  back.answer = true;
+  EXPECT_THAT(libevent(call), ElementsAre(callbackNote, timerNote));
+
+  FdEvents events;
+  auto const fd = getLeFdControl(&events);
+  events.onWrite = [&](int) {
+    fd->delFd();
+    throw 1;
+  };
+  events.answer = true;
+  fd->setWrites(true);
+  fd->setFd(ends[0]);
+  EXPECT_THAT(libevent([] { run(&doLeEventLoop); }), IsEmpty());
   EXPECT_EQ(1u, events.asked.size());
-  ::close(ends[0]);
-  ::close(ends[1]);
 }
 
 TEST(TracesTest, libeventLog) {
-  expectRecords("VeltroLibevent", {{"debug", [] { le_debug_cb(0, "text"); }, {"9 libevent: text"}},
-                                   {"msg", [] { le_debug_cb(1, "text"); }, {"5 libevent: text"}},
-                                   {"warn", [] { le_debug_cb(2, "text"); }, {"1 libevent: text"}},
-                                   {"err", [] { le_debug_cb(3, "text"); }, {"0 libevent: text"}},
-                                   {"no text", [] { le_debug_cb(2, nullptr); }, {"1 libevent: "}}});
+  EXPECT_THAT(libevent([] { le_debug_cb(0, "text"); }), ElementsAre("9 libevent: text"));
+  EXPECT_THAT(libevent([] { le_debug_cb(1, "text"); }), ElementsAre("5 libevent: text"));
+  EXPECT_THAT(libevent([] { le_debug_cb(2, "text"); }), ElementsAre("1 libevent: text"));
+  EXPECT_THAT(libevent([] { le_debug_cb(3, "text"); }), ElementsAre("0 libevent: text"));
+  EXPECT_THAT(libevent([] { le_debug_cb(2, nullptr); }), ElementsAre("1 libevent: "));
   // libevent's own warning takes the same way.
   Timeout handler([] { EXPECT_EQ(-1, doLeEventLoop()); });
   auto const timer = getLeTimerControl(&handler);
   timer->setTimeout(0);
   EXPECT_THAT(traces("VeltroLibevent/1", [] { doLeEventLoop(); }),
-              testing::ElementsAre(testing::StartsWith("1 libevent: event_base_loop: reentrant")));
+              ElementsAre(StartsWith("1 libevent: event_base_loop: reentrant")));
 }
 
 }  // namespace
