@@ -1,0 +1,93 @@
+#include "Veltro/PluginCpp.h"
+
+#include <dlfcn.h>
+#include <gmock/gmock.h>
+
+#include <thread>
+
+#include "Veltro/Exception.h"
+#include "tests/support/Asserts.h"
+#include "tests/support/SlotOrder.h"
+#include "tests/support/StandardError.h"
+
+namespace Veltro {
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+struct PluginTest : testing::Test {
+  PluginTest() {
+    Platform::setTraceFormat("%n/%l %m");
+    Platform::setupVeltroDebug("VeltroPlugin");
+  }
+  Platform::Plugin* load(char const* name) {
+    Platform::Plugin* plugin = nullptr;
+    lines = standardError([&] { plugin = Platform::loadPlugin(name); });
+    return plugin;
+  }
+  std::vector<std::string> lines;
+};
+
+TEST_F(PluginTest, aGoodOneIsLoadedOnceByEachThread) {
+  Platform::Plugin* const plugin = load("GoodPlugin");
+  ASSERT_NE(nullptr, plugin);
+  EXPECT_STREQ("GoodPlugin", plugin->name());
+  EXPECT_THAT(
+      lines,
+      ElementsAre("VeltroPlugin/0 Veltro::Platform::registerPlugin() adding plugin GoodPlugin",
+                  "VeltroPlugin/0 Veltro::Platform::loadPlugin() Yay!  Plugin GoodPlugin "
+                  "loaded"));
+  EXPECT_EQ(plugin, load("GoodPlugin"));
+  EXPECT_THAT(lines, ElementsAre("VeltroPlugin/1 Veltro::Platform::loadPlugin() GoodPlugin already "
+                                 "loaded"));
+  EXPECT_THAT([&] { Platform::registerPlugin(plugin); },
+              asserts("Veltro/PluginCpp", "registerPlugin",
+                      "Veltro::Platform::registerPlugin() Plugin GoodPlugin already registered"));
+  std::thread([] {
+    EXPECT_THAT([] { Platform::loadPlugin("GoodPlugin"); },
+                asserts("Veltro/PluginCpp", "loadPlugin",
+                        "Veltro::Platform::loadPlugin() Phooey -- plugin GoodPlugin failed to "
+                        "register"));
+  }).join();
+}
+
+TEST_F(PluginTest, whatDoesNotRegisterUnderItsNameIsAFault) {
+  for (char const* name : {"MisnamedPlugin", "SilentPlugin"}) {
+    EXPECT_THAT([&] { Platform::loadPlugin(name); },
+                asserts("Veltro/PluginCpp", "loadPlugin",
+                        std::string("Veltro::Platform::loadPlugin() Phooey -- plugin ") + name +
+                            " failed to register"));
+  }
+  Platform::Plugin* const misnamed = load("OtherPlugin");
+  ASSERT_NE(nullptr, misnamed) << "it is known by its own name";
+  EXPECT_STREQ("OtherPlugin", misnamed->name());
+}
+
+TEST_F(PluginTest, whatCannotBeOpenedIsNull) {
+  for (char const* name : {"NoSuchPlugin", "", "../x"}) {
+    EXPECT_EQ(nullptr, load(name));
+    EXPECT_THAT(lines,
+                ElementsAre(HasSubstr(std::string("Failed to load plugin ") + name + ": lib")));
+  }
+}
+
+TEST_F(PluginTest, exceptionsAreCaughtByTypeAcrossObjects) {
+  ASSERT_NE(nullptr, load("GoodPlugin"));
+  auto* const thrower = reinterpret_cast<void (*)()>(::dlsym(RTLD_DEFAULT, "throwFromPlugin"));
+  ASSERT_NE(nullptr, thrower);
+  EXPECT_THROW(thrower(), InvalidSizeException);
+  EXPECT_THROW(thrower(), CorruptionDetectedException);
+}
+
+TEST(PluginSlots, nameIsTheFirstAndOnly) {
+  EXPECT_EQ(0u, slotOf(&Platform::Plugin::name));
+  struct Larger : Platform::Plugin {
+    char const* name() override { return ""; }
+    virtual void next() {}
+  };
+  EXPECT_EQ(1u, slotOf(&Larger::next));
+}
+
+}  // namespace
+}  // namespace Veltro
