@@ -1,15 +1,12 @@
 #include "src/sched/Report.h"
 
-#include <gtest/gtest.h>
-
 #include <sstream>
 
+#include "SchedSupport.h"
 #include "tests/support/AwkwardStream.h"
 
 namespace Veltro {
 namespace {
-
-using namespace std::chrono_literals;
 
 TaskImpl const* at(unsigned long address) { return reinterpret_cast<TaskImpl const*>(address); }
 
@@ -131,6 +128,68 @@ TEST(ReportTest, deadColumnAndFullRow) {
           "9876543210     16.8 4294967294      1000          0\n"
           "\n",
       text);
+}
+
+struct ReportOfRootTest : SchedTest {
+  std::string report(unsigned deadLimit, unsigned historyEvents) {
+    std::ostringstream os;
+    root->printStats(os, false, false, kNoReportLimit, deadLimit, historyEvents);
+    return os.str();
+  }
+  void schedule(TaskImpl& task) {
+    task.scheduleTask();
+    clock.now += 5ms;
+    while (root->turn()) {
+    }
+  }
+};
+
+TEST_F(ReportOfRootTest, showsLiveTasksThenDeadOnesThenTheHistory) {
+  auto const worker = make("worker", TaskPriority::high, taking(45ms));
+  auto const idle = make("idle");
+  schedule(*make("mortal", TaskPriority::low, [&](DoTask& task) {
+    clock.now += 1ms;
+    task.taskWorkCountInc(7);
+  }));
+  schedule(*worker);
+
+  std::string const text = report(kNoReportLimit, 2);
+  EXPECT_EQ(
+      "absolute             0             0         0               0\n"
+      "high                 0             1         0               1\n"
+      "normal               0             1         0               0\n"
+      "low                  0             0         1               1\n"
+      "scavenge             0             0         0               0\n"
+      "Maximum scheduler slip 0.005000 seconds\n",
+      text.substr(126, text.find("\n\nSP") + 1 - 126));
+  EXPECT_EQ(
+      "TaskName SP   RunCount      TotalSec Last/Max-Delay 200% 500% MaxMs "
+      "Total/DecayA/Max-WorkCount Last/Max-WorkPending\n" +
+          std::string(115, '-') +
+          "\n"
+          "worker    h          1         0.045  0.005   0.005    1    0    45 "
+          "         -        -      -         -          -\n"
+          "Skipped 1 task with no runs\n"
+          "\n"
+          "TaskName (Dead tasks) SP   RunCount      TotalSec Last/Max-Delay 200% 500% MaxMs Dead "
+          "Total/DecayA/Max-WorkCount Last/Max-WorkPending\n" +
+          std::string(133, '-') +
+          "\n"
+          "mortal                 l          1         0.001  0.005   0.005    0    0     1    1 "
+          "         7      7.0      7         -          -\n"
+          "\n"
+          "Last 2 scheduler events, absolute timestamp and relative to last event\n" +
+          std::string(70, '-') +
+          "\n"
+          "      3600000056000000 ns since boot          0 \xc2\xb5s schedulerIdle root\n"
+          "      3600000056000000 ns since boot          0 \xc2\xb5s idle       worker\n"
+          "Truncated due to requested limit\n"
+          "\n",
+      text.substr(text.find("TaskName ")));
+
+  std::string const liveOnly = report(0, 0);
+  EXPECT_EQ(std::string::npos, liveOnly.find("Dead "));
+  EXPECT_EQ(std::string::npos, liveOnly.find("since boot"));
 }
 
 // What the tables differ in: order, names, widths, what was left out.
