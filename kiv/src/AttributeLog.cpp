@@ -143,6 +143,7 @@ void AttributeLog::restore(Ptr<Entity> const& entity, std::string const& text) {
   checkEnd(line, lines);
 
   for (Gathered& member : gathered) member.restored->commit();
+  kept->handleRestored();
   for (Gathered& member : gathered) member.restored->notify();
 }
 

@@ -6,6 +6,8 @@ namespace Kiv {
 
 Entity::~Entity() = default;
 
+void Entity::handleRestored() {}
+
 Entity::Notifiee::Notifiee(Ptr<Entity> entity) : entity_(std::move(entity)) {
   if (!entity_) throwNullValidPtr();
   entity_->notifier_.notifieeIs(*this);

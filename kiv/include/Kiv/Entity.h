@@ -6,6 +6,7 @@
 
 namespace Kiv {
 
+class AttributeLog;
 class Model;
 
 /// A counted object whose state is attributes, collections and queues, whose changes arrive as
@@ -26,8 +27,12 @@ class KIV_API Entity : public PtrInterface {
  protected:
   Entity() = default;
   ~Entity() override;
+  /// An attribute log was restored: what it holds is in place, and nobody has been told yet. For
+  /// state that follows from what logs keep. What it throws leaves restore() with nobody told.
+  virtual void handleRestored();
 
  private:
+  friend class AttributeLog;
   friend class EntityPart;
   Notifier notifier_;
   U32 parts_ = 0;
