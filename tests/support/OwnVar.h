@@ -1,0 +1,21 @@
+#pragma once
+#include <gtest/gtest.h>
+#include <sys/mount.h>
+
+#include <functional>
+
+#include "tests/support/Child.h"
+
+namespace Veltro {
+
+/// Runs `body` in a child that sees an empty file system at /var, which vanishes with it: counter
+/// files have a fixed place. `options` are those of the mount, as "size=64k". Ask mayUnshare().
+inline void inOwnVar(std::function<void()> const& body, char const* options = "") {
+  inChild([&] {
+    ASSERT_TRUE(enterOwnMounts());
+    ASSERT_EQ(0, ::mount("none", "/var", "tmpfs", 0, options));
+    body();
+  });
+}
+
+}  // namespace Veltro
