@@ -1,0 +1,53 @@
+#include "Json.h"
+
+#include <algorithm>
+#include <cstdio>
+
+namespace Counters {
+namespace {
+
+/// Bytes of the UTF-8 sequence at `at`; 0 where there is none.
+std::size_t sequenceAt(std::string const& bytes, std::size_t at) {
+  auto const byte = [&](std::size_t i) -> unsigned {
+    return at + i < bytes.size() ? static_cast<unsigned char>(bytes[at + i]) : 0;
+  };
+  unsigned const first = byte(0);
+  if (first < 0x80) return 1;
+  std::size_t const length = first < 0xc2   ? 0
+                             : first < 0xe0 ? 2
+                             : first < 0xf0 ? 3
+                             : first < 0xf5 ? 4
+                                            : 0;
+  for (std::size_t i = 1; i < length; ++i) {
+    if ((byte(i) & 0xc0) != 0x80) return 0;
+  }
+  // Too long for what they say, surrogates, beyond the last code point.
+  bool const refused = (first == 0xe0 && byte(1) < 0xa0) || (first == 0xed && byte(1) > 0x9f) ||
+                       (first == 0xf0 && byte(1) < 0x90) || (first == 0xf4 && byte(1) > 0x8f);
+  return refused ? 0 : length;
+}
+
+}  // namespace
+
+std::string jsonString(std::string const& bytes) {
+  std::string text = "\"";
+  for (std::size_t at = 0; at < bytes.size();) {
+    std::size_t const length = sequenceAt(bytes, at);
+    auto const first = static_cast<unsigned char>(bytes[at]);
+    if (length == 0) {
+      text += "\\ufffd";
+    } else if (first == '"' || first == '\\') {
+      text += {'\\', bytes[at]};
+    } else if (first < 0x20 || first == 0x7f) {
+      char escaped[8];
+      std::snprintf(escaped, sizeof escaped, "\\u%04x", unsigned{first});
+      text += escaped;
+    } else {
+      text.append(bytes, at, length);
+    }
+    at += std::max<std::size_t>(length, 1);
+  }
+  return text + "\"";
+}
+
+}  // namespace Counters
