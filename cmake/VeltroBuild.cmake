@@ -9,6 +9,7 @@ set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
 if(NOT CMAKE_BUILD_TYPE)
   set(CMAKE_BUILD_TYPE RelWithDebInfo)
 endif()
+set(VELTRO_SANITIZER "" CACHE STRING "The sanitizer in CMAKE_CXX_FLAGS, if any: address or thread")
 
 find_program(VELTRO_CCACHE ccache)
 if(VELTRO_CCACHE AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
@@ -24,24 +25,38 @@ if(CMAKE_CXX_FLAGS MATCHES "-m32")
 endif()
 
 set(VELTRO_WARNINGS -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror)
-if(VELTRO_SANITIZER)
+if(VELTRO_SANITIZER AND CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
   # The instrumentation hides from gcc that std::function's members are set.
   list(APPEND VELTRO_WARNINGS -Wno-maybe-uninitialized)
 endif()
 
+# Nobody may take over our functions from outside, so calls among them are direct. The glibc checks
+# need an optimiser, and would hide from the sanitizers what they look for.
+set(VELTRO_SHIPPED_COMPILE -fno-semantic-interposition -fstack-protector-strong)
+if(NOT VELTRO_SANITIZER)
+  list(APPEND VELTRO_SHIPPED_COMPILE
+    $<$<CONFIG:Release,RelWithDebInfo,MinSizeRel>:-U_FORTIFY_SOURCE>
+    $<$<CONFIG:Release,RelWithDebInfo,MinSizeRel>:-D_FORTIFY_SOURCE=2>)
+endif()
+set(VELTRO_SHIPPED_LINK -Wl,-z,relro -Wl,-z,now -Wl,-z,noexecstack)
+
 # veltro_library(target NAME soname-stem VERSION_SCRIPT file): a shared library of ours, soname
-# lib<stem>.so.0, exported as KivVeltro::<target>.
+# lib<stem>.so.0, exported as KivVeltro::<target>. Installed, the libraries find each other in the
+# folder they are in (CMAKE_SKIP_INSTALL_RPATH leaves that to the system's loader).
 function(veltro_library target)
   cmake_parse_arguments(ARG "" "NAME;VERSION_SCRIPT" "" ${ARGN})
   add_library(${target} SHARED)
   add_library(KivVeltro::${target} ALIAS ${target})
   set_target_properties(${target} PROPERTIES
-    OUTPUT_NAME "${ARG_NAME}" VERSION 0.1.0 SOVERSION 0
+    OUTPUT_NAME "${ARG_NAME}" VERSION ${PROJECT_VERSION} SOVERSION 0
+    INSTALL_RPATH "$ORIGIN"
     LINK_DEPENDS "${ARG_VERSION_SCRIPT}")
-  target_compile_options(${target} PRIVATE ${VELTRO_WARNINGS})
+  target_compile_options(${target} PRIVATE ${VELTRO_WARNINGS} ${VELTRO_SHIPPED_COMPILE})
   target_compile_features(${target} PUBLIC cxx_std_17)
   target_compile_definitions(${target} PUBLIC _FILE_OFFSET_BITS=64)
-  target_link_options(${target} PRIVATE "-Wl,--version-script=${ARG_VERSION_SCRIPT}")
+  target_link_options(${target} PRIVATE
+    "-Wl,--version-script=${ARG_VERSION_SCRIPT}" ${VELTRO_SHIPPED_LINK})
   install(TARGETS ${target} EXPORT KivVeltro
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT dev)
+  set_property(GLOBAL APPEND PROPERTY VELTRO_LIBRARIES ${target})
 endfunction()

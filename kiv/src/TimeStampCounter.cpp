@@ -1,6 +1,7 @@
 #include "Kiv/TimeStampCounter.h"
 
 #include <atomic>
+#include <cstring>
 #include <mutex>
 
 namespace Kiv {
@@ -36,7 +37,21 @@ double rateBetween(Sample const& first, Sample const& second) {
   return static_cast<double>(ticks) / static_cast<double>(base.count());
 }
 
-std::atomic<double> knownRate{0};
+// A double's bits: of a double itself clang at 32 bits makes calls into a library we do not link.
+std::atomic<U64> knownRateBits{0};
+
+double knownRate() {
+  U64 const bits = knownRateBits.load(std::memory_order_relaxed);
+  double rate;
+  std::memcpy(&rate, &bits, sizeof rate);
+  return rate;
+}
+
+void knownRateIs(double rate) {
+  U64 bits;
+  std::memcpy(&bits, &rate, sizeof bits);
+  knownRateBits.store(bits, std::memory_order_relaxed);
+}
 
 double learnRate() {
   static std::mutex mutex;
@@ -45,7 +60,7 @@ double learnRate() {
   Sample const second = takeSample();
   double const rate = rateBetween(first, second);
   if (rate > 0) {
-    knownRate.store(rate, std::memory_order_relaxed);
+    knownRateIs(rate);
   } else if (second.time - first.time >= kShortestBase) {
     first = second;  // one of the two was bad; the next pair will do
   }
@@ -55,7 +70,7 @@ double learnRate() {
 }  // namespace
 
 U64 TimeStampCounter::ticks(nanoseconds duration) {
-  double rate = knownRate.load(std::memory_order_relaxed);
+  double rate = knownRate();
   if (rate == 0) rate = learnRate();
   double const ticks = rate * static_cast<double>(duration.count());
   constexpr double kBeyond = 18446744073709551616.0;  // 2^64
