@@ -375,8 +375,11 @@ TYPED_TEST(ControlsTest, descriptorsAreWatchedByLevelAndByDirection) {
     };
     pair.put(1);
     Platform::doEventLoop(0.01);
-    EXPECT_EQ(3, events.reads);
+    // A task may be queued once more by readiness that the kernel told of before the bytes went.
+    EXPECT_GE(events.reads, 3);
+    EXPECT_LE(events.reads, 4);
     EXPECT_EQ(0, events.writes);
+    int const before = events.reads;
 
     events.onWrite = [&](int) {
       if (events.writes == 2) fd->setWrites(false);
@@ -388,16 +391,16 @@ TYPED_TEST(ControlsTest, descriptorsAreWatchedByLevelAndByDirection) {
     fd->setReads(false);
     pair.put(1);
     Platform::doEventLoop(0.01);
-    EXPECT_EQ(3, events.reads);
+    EXPECT_EQ(before, events.reads);
     fd->setReads(true);
     events.onRead = [&](int) { fd->clearEvents(); };
     Platform::doEventLoop(0.01);
-    EXPECT_EQ(4, events.reads);
+    EXPECT_EQ(before + 1, events.reads);
     EXPECT_EQ(pair.ends[0], fd->getFd());
     fd->setReads(true);
     events.onRead = [&](int) { fd->delFd(); };
     Platform::doEventLoop();  // nothing is left to wait for
-    EXPECT_EQ(5, events.reads);
+    EXPECT_EQ(before + 2, events.reads);
     EXPECT_EQ(-1, fd->getFd());
   });
 }
