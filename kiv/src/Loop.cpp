@@ -47,7 +47,10 @@ bool Loop::_pass() {
     _look();  // and no new batch: first what the cut kept from its turn
   } else {
     if (_nothingDue()) {
-      if (!_waitForWork()) return cut_ = false;
+      if (!_waitForWork()) {
+        cut_ = false;
+        return false;
+      }
     } else if (_lookIsDue()) {
       _look();
     }

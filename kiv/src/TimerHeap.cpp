@@ -35,7 +35,23 @@ TimerHeap::Timer* TimerHeap::top() {
 
 void TimerHeap::insert(Timer& timer) { _rise(end_++, _keyed(timer)); }
 
-void TimerHeap::update(Timer& timer) { _replace(positions_[timer.slot_], _keyed(timer)); }
+void TimerHeap::update(Timer& timer) {
+  U32 const position = positions_[timer.slot_];
+  if (timer.timeMin_ < entries_[position].deadline) {
+    _rise(position, _keyed(timer));
+  } else {
+    _replace(position, _keyed(timer));
+  }
+}
+
+void TimerHeap::popTop() {
+  _removeAt(kRoot);
+  // The one after the next is among these, and by then its timer is in the cache.
+  U32 const first = _firstChild(kRoot);
+  for (U32 child = first; child < first + 4 && child < end_; ++child) {
+    __builtin_prefetch(timers_[entries_[child].slot]);
+  }
+}
 
 void TimerHeap::_removeAt(U32 position) {
   Entry const last = entries_[--end_];
@@ -73,9 +89,21 @@ U32 TimerHeap::_sink(U32 hole) {
 }
 
 U32 TimerHeap::_earliestChild(U32 first) const {
-  U32 const last = first + 4 < end_ ? first + 4 : end_;
+  if (first + 4 > end_) return _earliestOf(first, end_);
+  // Sums of comparisons, not branches: which child is the earliest cannot be predicted.
+  auto const deadline = [&](U32 position) { return entries_[position].deadline; };
+  U32 const left = first + (deadline(first + 1) < deadline(first));
+  U32 const right = first + 2 + (deadline(first + 3) < deadline(first + 2));
+  U32 const earliest = left + (right - left) * (deadline(right) < deadline(left));
+  double const least = deadline(earliest);
+  int const equals = (deadline(first) <= least) + (deadline(first + 1) <= least) +
+                     (deadline(first + 2) <= least) + (deadline(first + 3) <= least);
+  return equals == 1 ? earliest : _earliestOf(first, first + 4);
+}
+
+U32 TimerHeap::_earliestOf(U32 first, U32 end) const {
   U32 earliest = first;
-  for (U32 child = first + 1; child < last; ++child) {
+  for (U32 child = first + 1; child < end; ++child) {
     if (_before(entries_[child], entries_[earliest])) earliest = child;
   }
   return earliest;

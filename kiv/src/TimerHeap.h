@@ -45,6 +45,8 @@ class TimerHeap final {
   double bound() const { return entries_[kRoot].deadline; }
   /// The earliest timer, null when empty.
   Timer* top();
+  /// Takes off what top() has just given.
+  void popTop();
 
   /// The key is timer's timeMin_ and armed_.
   void insert(Timer& timer);
@@ -74,6 +76,7 @@ class TimerHeap final {
   U32 _sink(U32 hole);
   void _replace(U32 position, Entry const& entry) { _rise(_sink(position), entry); }
   U32 _earliestChild(U32 first) const;
+  U32 _earliestOf(U32 first, U32 end) const;
   void _removeAt(U32 position);
   Entry _keyed(Timer const& timer);
 

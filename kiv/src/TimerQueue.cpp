@@ -1,7 +1,5 @@
 #include "TimerQueue.h"
 
-#include <cmath>
-
 namespace Kiv {
 
 void TimerQueue::leave(Timer& timer) {
@@ -9,27 +7,10 @@ void TimerQueue::leave(Timer& timer) {
   heap_.leave(timer);
 }
 
-void TimerQueue::arm(Timer& timer, double seconds, double latest) {
-  if (seconds > latest) {
-    if (std::isinf(seconds)) {
-      _disarm(timer);
-    } else {
-      _armFuture(timer, seconds);
-    }
-  } else {
-    _armPast(timer, std::isnan(seconds) ? latest : seconds);
-  }
-}
-
 double TimerQueue::earliest() {
   if (!_dueList().empty()) return _dueList().first()->timeMin_;
   Timer const* const timer = heap_.top();
   return timer != nullptr ? timer->timeMin_ : std::numeric_limits<double>::infinity();
-}
-
-void TimerQueue::take(double latest) {
-  dueList_ = 1 - dueList_;
-  if (heap_.bound() <= latest) _mergeHeap(latest);
 }
 
 void TimerQueue::_mergeHeap(double latest) {
@@ -40,7 +21,7 @@ void TimerQueue::_mergeHeap(double latest) {
   Timer* successor = _batch().first();
   for (Timer* timer = heap_.top(); timer != nullptr && timer->timeMin_ <= latest;
        timer = heap_.top()) {
-    heap_.remove(*timer);
+    heap_.popTop();
     while (successor != nullptr && before(*successor, *timer)) {
       successor = TimerList::next(*successor);
     }
@@ -64,26 +45,18 @@ void TimerQueue::_leavePlace(Timer& timer) {
   timer.place_ = Place::none;
 }
 
-void TimerQueue::_armPast(Timer& timer, double deadline) {
-  _withdraw(timer);
-  _setKey(timer, deadline);
-  if (_dueList().empty() || !(deadline < _dueList().last()->timeMin_)) {
-    _appendDue(timer);
+void TimerQueue::_insertHeap(Timer& timer) {
+  heap_.insert(timer);
+  timer.place_ = Place::heap;
+}
+
+/// The key has changed to one that may be earlier than the place in the heap, if there is one.
+void TimerQueue::_setPlace(Timer& timer) {
+  if (timer.place_ == Place::heap) {
+    heap_.update(timer);
   } else {
     _insertHeap(timer);
   }
-}
-
-void TimerQueue::_armFuture(Timer& timer, double deadline) {
-  if (timer.place_ != Place::heap) {
-    _withdraw(timer);
-    _setKey(timer, deadline);
-    _insertHeap(timer);
-    return;
-  }
-  bool const later = deadline >= timer.timeMin_;
-  _setKey(timer, deadline);
-  if (!later) heap_.update(timer);
 }
 
 }  // namespace Kiv

@@ -1,4 +1,7 @@
 #pragma once
+#include <cmath>
+#include <limits>
+
 #include "Kiv/ActivityManager.h"
 #include "TimerHeap.h"
 
@@ -37,14 +40,27 @@ class TimerList final {
 /// list (armed for an even earlier past), and all others, go to the heap. A batch is the due list
 /// as a whole, with the heap's due timers merged in; the two lists change roles, so that a batch
 /// without the heap costs nothing to take.
+///
+/// What zero delays use is inline, for one reason above all: on 32 bits each `double` handed from
+/// call to call is stored in halves and then waited for.
 class TimerQueue final {
  public:
   using Timer = Clock::Notifiee;
   void join(Timer& timer) { heap_.join(timer); }
   void leave(Timer& timer);
 
-  /// Finite, or infinite to disarm. `latest` is the latest time taken.
-  void arm(Timer& timer, double seconds, double latest);
+  /// Arms, or disarms when `seconds` is infinite. `latest` is the latest time taken.
+  void arm(Timer& timer, double seconds, double latest) {
+    if (!(seconds > latest)) {
+      _withdraw(timer);
+      _setKey(timer, std::isnan(seconds) ? latest : seconds);
+      _insertPast(timer);
+    } else if (seconds <= std::numeric_limits<double>::max()) {
+      _armFuture(timer, seconds);
+    } else {
+      _disarm(timer);
+    }
+  }
   void armNow(Timer& timer, double latest) {
     _withdraw(timer);
     _setKey(timer, latest);
@@ -57,7 +73,10 @@ class TimerQueue final {
   double earliest();
 
   /// Makes the batch of all that is due. Only when the batch is empty.
-  void take(double latest);
+  void take(double latest) {
+    dueList_ = 1 - dueList_;
+    if (heap_.bound() <= latest) _mergeHeap(latest);
+  }
   bool batchEmpty() const { return _batch().empty(); }
   /// True while the call of its arming is sure to come.
   bool inBatch(Timer const& timer) const { return timer.place_ == _listPlace(1 - dueList_); }
@@ -66,6 +85,7 @@ class TimerQueue final {
     Timer& timer = *_batch().first();
     _batch().remove(timer);
     timer.place_ = Place::none;
+    __builtin_prefetch(timer.next_);  // large batches: its memory comes while this one is called
     return timer;
   }
 
@@ -95,12 +115,21 @@ class TimerQueue final {
     _dueList().append(timer);
     timer.place_ = _listPlace(dueList_);
   }
-  void _insertHeap(Timer& timer) {
-    heap_.insert(timer);
-    timer.place_ = Place::heap;
+  void _insertHeap(Timer& timer);
+  void _insertPast(Timer& timer) {
+    if (_dueList().empty() || !(timer.timeMin_ < _dueList().last()->timeMin_)) {
+      _appendDue(timer);
+    } else {
+      _insertHeap(timer);
+    }
   }
-  void _armPast(Timer& timer, double deadline);
-  void _armFuture(Timer& timer, double deadline);
+  void _armFuture(Timer& timer, double deadline) {
+    bool const later = timer.place_ == Place::heap && deadline >= timer.timeMin_;
+    if (timer.place_ != Place::heap) _withdraw(timer);
+    _setKey(timer, deadline);
+    if (!later) _setPlace(timer);
+  }
+  void _setPlace(Timer& timer);
   void _mergeHeap(double latest);
 
   TimerList lists_[2];

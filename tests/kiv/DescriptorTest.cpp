@@ -194,6 +194,7 @@ TEST(DescriptorTest, reactionsMayChangeTheOthers) {
   struct Fixture {
     Pair pairs[3];
     std::vector<std::unique_ptr<Watch>> watches;
+    std::vector<std::unique_ptr<Watch>> companions;  // one more on each number
     std::unique_ptr<Watch> extra;
     int calls = 0;
     bool acted = false;
@@ -205,26 +206,32 @@ TEST(DescriptorTest, reactionsMayChangeTheOthers) {
     std::function<void(Fixture&, Watch*)> action;
     int calls;
   } const cases[] = {
-      {"nothing", [](auto&, auto*) {}, 3},
+      {"nothing", [](auto&, auto*) {}, 6},
+      {"destroys the next of its number", [](auto& f, auto*) { f.companions.clear(); }, 3},
+      {"takes the next of its number off",
+       [](auto& f, auto*) {
+         for (auto& w : f.companions) w->notifier().descriptorIs(-1);
+       },
+       3},
       {"destroys the others",
        [](auto& f, auto* self) {
          for (auto& w : f.watches) {
            if (w.get() != self) w.reset();
          }
        },
-       1},
+       4},
       {"takes the others off",
        [](auto& f, auto* self) {
          for (auto& w : f.watches) {
            if (w.get() != self) w->notifier().descriptorIs(-1);
          }
        },
-       1},
+       4},
       {"switches the others off",
        [](auto& f, auto*) {
          for (auto& w : f.watches) w->notifier().notifyOnReadableIs(false);
        },
-       1},
+       4},
       {"closes the others and gives their numbers to unready ones",
        [](auto& f, auto* self) {
          for (int i = 0; i < 3; ++i) {
@@ -238,12 +245,12 @@ TEST(DescriptorTest, reactionsMayChangeTheOthers) {
            f.watches[static_cast<std::size_t>(i)]->notifier().descriptorIs(number);
          }
        },
-       1},
+       2},
       {"adds one on its own number, which waits for the next look",
        [](auto& f, auto* self) {
          f.extra = std::make_unique<Watch>(self->notifier().descriptor(), [&f] { ++f.calls; });
        },
-       3},
+       6},
   };
   for (auto const& c : cases) {
     SCOPED_TRACE(c.name);
@@ -257,25 +264,44 @@ TEST(DescriptorTest, reactionsMayChangeTheOthers) {
         if (!std::exchange(f.acted, true)) c.action(f, self);
       };
       self->notifier().notifyOnReadableIs(true);
+      f.companions.push_back(std::make_unique<Watch>(pair.ends[0], [&f] { ++f.calls; }));
     }
     looks(1);
     EXPECT_EQ(c.calls, f.calls);
   }
 }
 
-TEST(DescriptorTest, aReactionMayReleaseItsOwnNotifiee) {
-  Pair pair;
-  pair.write();
-  auto watch = allocate<Watch>(pair.ends[0]);
-  int calls = 0;
-  watch->onReadable = [&] {
-    watch = nullptr;
-    ++calls;  // still there, until the reaction is over
+TEST(DescriptorTest, aReactionMayChangeItsOwn) {
+  struct {
+    char const* name;
+    std::function<void(Ptr<Watch>&, int)> action;
+  } const cases[] = {
+      {"lets its notifiee go", [](auto& watch, int) { watch = nullptr; }},
+      {"takes its descriptor off", [](auto& watch, int) { watch->notifier().descriptorIs(-1); }},
+      {"takes another one, for the next look",
+       [](auto& watch, int other) { watch->notifier().descriptorIs(other); }},
+      {"wants no more of it",
+       [](auto& watch, int) { watch->notifier().notifyOnWritableIs(false); }},
   };
-  watch->notifier().notifyOnReadableIs(true);
-  looks(2);
-  EXPECT_EQ(1, calls);
-  EXPECT_EQ(0, System::doRun());
+  for (auto const& c : cases) {
+    SCOPED_TRACE(c.name);
+    Pair pair, other;
+    pair.write();
+    int reads = 0;
+    int writes = 0;
+    auto watch = allocate<Watch>(pair.ends[0]);
+    watch->onReadable = [&] {
+      c.action(watch, other.ends[0]);
+      ++reads;
+    };
+    watch->onGone = [&] { EXPECT_EQ(1, reads) << "destroyed before its reaction was over"; };
+    watch->onWritable = [&] { ++writes; };
+    watch->notifier().notifyOnReadableIs(true);
+    watch->notifier().notifyOnWritableIs(true);
+    looks(1);
+    EXPECT_EQ(1, reads);
+    EXPECT_EQ(0, writes);
+  }
 }
 
 TEST(DescriptorTest, closedAndReusedWithoutAWord) {
@@ -311,11 +337,29 @@ TEST(DescriptorTest, closedAndReusedWithoutAWord) {
     EXPECT_EQ(1, ::read(number, &byte, 1));
     if (c.keepDuplicate) {
       EXPECT_EQ(1, ::write(old.ends[1], "x", 1));
-      looks(3);
+      // They would also keep virtual time from its jump.
+      config().virtualTimeIs(true);
+      runFor(1e6);
+      config().virtualTimeIs(false);
       EXPECT_EQ(1, oldReads) << "the old file's events are nobody's";
       ::close(duplicate);
     }
   }
+}
+
+TEST(DescriptorTest, aFileMayComeBackUnderItsNumber) {
+  Pair pair;
+  int const number = pair.ends[0];
+  int const duplicate = ::dup(number);
+  Watch watch(number, [] {});
+  ::close(number);
+  watch.notifier().descriptorIs(-1);
+  ASSERT_EQ(number, ::dup2(duplicate, number));
+  watch.notifier().descriptorIs(number);  // which the kernel has been watching all the time
+  pair.write();
+  looks(1);
+  EXPECT_EQ(1u, watch.notifier().readableCount());
+  ::close(duplicate);
 }
 
 TEST(DescriptorTest, moreReadyThanOneLookHolds) {
@@ -429,6 +473,23 @@ TEST(DescriptorTest, outOfDescriptorsIsAnErrorAndPasses) {
               ::setrlimit(RLIMIT_NOFILE, &limit);
               entity->descriptorIs(pair.ends[0]);
               return 0;
+            }));
+}
+
+TEST(DescriptorTest, interestsGoEvenWhereNoSetCanBeMade) {
+  Pair pair;
+  Watch watch(pair.ends[0], [] {});
+  looks(1);
+  pair.write();
+  EXPECT_EQ(0, inChild([&] {
+              ::rlimit limit{};
+              ::getrlimit(RLIMIT_NOFILE, &limit);
+              ::rlimit const none{0, limit.rlim_max};
+              ::setrlimit(RLIMIT_NOFILE, &none);
+              watch.notifier().notifyOnReadableIs(false);
+              ::setrlimit(RLIMIT_NOFILE, &limit);
+              config().virtualTimeIs(true);
+              return runFor(1e6);  // lasts for real if what is readable is still asked for
             }));
 }
 

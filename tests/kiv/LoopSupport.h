@@ -55,7 +55,10 @@ struct Watch final : FileDescriptor::Notifiee {
     notifier().descriptorIs(descriptor);
     notifier().notifyOnReadableIs(onReadable != nullptr);
   }
-  ~Watch() override { notifier().descriptorIs(-1); }
+  ~Watch() override {
+    notifier().descriptorIs(-1);
+    if (onGone) onGone();
+  }
   void onReadableCount() override { onReadable(); }
   void onWritableCount() override { onWritable(); }
   void onNotificationException() override {
@@ -63,6 +66,7 @@ struct Watch final : FileDescriptor::Notifiee {
   }
   std::function<void()> onReadable;
   std::function<void()> onWritable;
+  std::function<void()> onGone;
   bool answers = false;
 };
 
