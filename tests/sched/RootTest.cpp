@@ -107,6 +107,34 @@ TEST_P(RootTest, neitherTimersNorDescriptorsStarveBehindBusyTasks) {
   });
 }
 
+// The whole road through the loop, for long: what leaks a little shows, and so does an allocation.
+TEST(EnduranceTest, tenMillionRunsLeaveMemoryFlat) {
+#if defined(__SANITIZE_THREAD__)
+  constexpr unsigned kRuns = 200000;  // ten times as dear, and it looks for races
+#else
+  constexpr unsigned kRuns = 10000000;
+#endif
+  constexpr unsigned kWarm = 50000;  // the history has gone round by then
+  unsigned runs = 0;
+  unsigned long warm = 0;
+  auto const work = [&](TaskImpl& self) {
+    if (++runs == kWarm) warm = allocations();
+    if (runs < kRuns) self.scheduleTask();
+  };
+  auto const one = makeTask("one", work);
+  auto const two = makeTask("two", work);
+  auto const timer = makeTimer("timer", [&](DoTimer& self) {
+    if (runs < kRuns) self.scheduleTaskJitterUp(100us, 50);
+  });
+  one->scheduleTask();
+  two->scheduleTask();
+  timer->scheduleTask();
+  Platform::doEventLoop();
+  EXPECT_GE(runs, kRuns);
+  EXPECT_GT(timer->taskRunCount(), 10u);
+  EXPECT_EQ(warm, allocations());
+}
+
 TEST_P(RootTest, timersFireInOrderAndNeverEarly) {
   run([] {
     std::string order;
