@@ -193,11 +193,12 @@ void ShmemMan::shmemGenIdIs(Kiv::String counterKey, U32 counterSize, U32 genId) 
   VELTRO_FATAL_CHECK(mapped);
   VELTRO_FATAL_CHECK(counterSize >= sizeof genId);
   auto* const bytes = static_cast<char*>(pointer(_blockAddr(block, counterSize)));
-  // Readers see generation 0 before any other change, and the new one after all of them.
+  // Readers see generation 0 before any other change, and the new one after all of them: the
+  // processor keeps the order of stores, and the fences make the compiler keep it.
   std::memset(bytes, 0, sizeof genId);
-  std::atomic_thread_fence(std::memory_order_seq_cst);
+  std::atomic_signal_fence(std::memory_order_seq_cst);
   std::memset(bytes + sizeof genId, 0, counterSize - sizeof genId);
-  std::atomic_thread_fence(std::memory_order_seq_cst);
+  std::atomic_signal_fence(std::memory_order_seq_cst);
   std::memcpy(bytes, &genId, sizeof genId);  // the size of blocks may leave it unaligned
 }
 
