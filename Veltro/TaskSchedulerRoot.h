@@ -97,8 +97,11 @@ class VELTRO_API TaskSchedulerRoot : public TaskScheduler {
   void printHistoryStdErr() const;
   void clearHistory();
 
-  /// A random number from 0 to 100.
+  /// A random number from 0 to 100: the jitter of the thread's timers.
   unsigned jitterDraw() { return jitterDistribution_(randomEngine_); }
+  /// Begins the row of random numbers anew: equal seeds, equal jitter. At first it is seeded from
+  /// the system's random device.
+  void jitterSeedIs(U32 seed) { randomEngine_.seed(seed); }
 
  private:
   void _checkOtherThread() const;
