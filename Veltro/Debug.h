@@ -119,27 +119,49 @@ class VELTRO_API DebugSupport {
                                                           char const* file, char const* function,
                                                           int line);
 
+namespace detail {
+
+// Out of line, and `write` with them: what a statement would say costs the function around it
+// neither room on the stack nor a jump.
+template <typename Write>
+[[gnu::cold, gnu::noinline]] void trace(Platform::DebugHandler& handler, unsigned level,
+                                        char const* file, int line, char const* function,
+                                        Write const& write) {
+  Platform::DebugStream stream;
+  write(stream);
+  handler.dump(stream, level, file, line, function);
+}
+
+template <typename Handler, typename Write>
+[[noreturn, gnu::cold, gnu::noinline]] void failAssertion(Handler&& handler, char const* file,
+                                                          char const* function, int line,
+                                                          Write const& write) {
+  Platform::DebugStream stream;
+  write(stream);
+  debugAndThrowAssertException(handler, 0, stream, file, function, line);
+}
+
+}  // namespace detail
 }  // namespace Veltro
 
 /// Traces `text` (a chain of <<) at `level` of `handler`. Off, it costs a load and a branch and
 /// evaluates nothing. The source file defines `constexpr char const* kSourceFile`.
-#define VELTRO_TRACE(handler, level, text)                                        \
-  do {                                                                            \
-    ::Veltro::Platform::DebugHandler& veltroHandler = (handler);                  \
-    if (veltroHandler.levelEnabled(level)) {                                      \
-      ::Veltro::Platform::DebugStream veltroStream;                               \
-      veltroStream << text;                                                       \
-      veltroHandler.dump(veltroStream, (level), kSourceFile, __LINE__, __func__); \
-    }                                                                             \
+#define VELTRO_TRACE(handler, level, text)                                               \
+  do {                                                                                   \
+    ::Veltro::Platform::DebugHandler& veltroHandler = (handler);                         \
+    if (__builtin_expect(veltroHandler.levelEnabled(level), 0)) {                        \
+      ::Veltro::detail::trace(                                                           \
+          veltroHandler, (level), kSourceFile, __LINE__, __func__,                       \
+          [&](::Veltro::Platform::DebugStream& veltroStream) { veltroStream << text; }); \
+    }                                                                                    \
   } while (0)
 
 /// Throws AssertException with `text` unless `condition` holds, in every build.
-#define VELTRO_ASSERT(handler, condition, text)                                                 \
-  do {                                                                                          \
-    if (!(condition)) {                                                                         \
-      ::Veltro::Platform::DebugStream veltroStream;                                             \
-      veltroStream << text;                                                                     \
-      ::Veltro::debugAndThrowAssertException((handler), 0, veltroStream, kSourceFile, __func__, \
-                                             __LINE__);                                         \
-    }                                                                                           \
+#define VELTRO_ASSERT(handler, condition, text)                                          \
+  do {                                                                                   \
+    if (__builtin_expect(!(condition), 0)) {                                             \
+      ::Veltro::detail::failAssertion(                                                   \
+          (handler), kSourceFile, __func__, __LINE__,                                    \
+          [&](::Veltro::Platform::DebugStream& veltroStream) { veltroStream << text; }); \
+    }                                                                                    \
   } while (0)

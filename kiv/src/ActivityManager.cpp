@@ -36,6 +36,8 @@ void Clock::Notifiee::timeMinIsNow() {
   loop.timers().armNow(*this, loop.latest());
 }
 
+void Clock::Notifiee::_timeMinDel() { clock_->loop_.timers().disarm(*this); }
+
 ActivityManager& ActivityManager::instance() {
   static ActivityManager* const manager = new ActivityManager;
   return *manager;

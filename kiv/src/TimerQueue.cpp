@@ -31,7 +31,7 @@ void TimerQueue::_mergeHeap(double latest) {
 }
 
 /// A member of the batch stays in it: its call comes and finds it disarmed.
-void TimerQueue::_disarm(Timer& timer) {
+void TimerQueue::disarm(Timer& timer) {
   if (!inBatch(timer)) _withdraw(timer);
   timer.timeMin_ = std::numeric_limits<double>::infinity();
 }

@@ -58,9 +58,10 @@ class TimerQueue final {
     } else if (seconds <= std::numeric_limits<double>::max()) {
       _armFuture(timer, seconds);
     } else {
-      _disarm(timer);
+      disarm(timer);
     }
   }
+  void disarm(Timer& timer);
   void armNow(Timer& timer, double latest) {
     _withdraw(timer);
     _setKey(timer, latest);
@@ -102,7 +103,6 @@ class TimerQueue final {
   TimerList& _batch() { return lists_[1 - dueList_]; }
   TimerList const& _batch() const { return lists_[1 - dueList_]; }
 
-  void _disarm(Timer& timer);
   void _withdraw(Timer& timer) {
     if (timer.place_ != Place::none) _leavePlace(timer);
   }

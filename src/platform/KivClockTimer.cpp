@@ -1,6 +1,8 @@
 #include "platform/KivClockTimer.h"
 
 #include <cmath>
+#include <cstdint>
+#include <cstring>
 #include <limits>
 
 #include "Kiv/System.h"
@@ -11,6 +13,15 @@ namespace {
 
 constexpr char const* kSourceFile = "Veltro/PlatformCpp";
 constexpr double kInfinity = std::numeric_limits<double>::infinity();
+
+/// Asked of the bits: on 32 bits a caller stores the argument in halves, and reading it whole at
+/// once has to wait for both. Says yes to a not-a-number, which is due in the next pass either way.
+bool isPositive(double seconds) {
+  std::int64_t bits = 0;
+  static_assert(sizeof bits == sizeof seconds);
+  std::memcpy(&bits, &seconds, sizeof bits);
+  return bits > 0;
+}
 
 }  // namespace
 
@@ -24,7 +35,7 @@ ClockTimer::~ClockTimer() {
 
 void ClockTimer::setTimeout(double seconds) {
   VELTRO_TRACE(Veltro::ownDebugHandler(), 5, "KivVeltro::ClockTimer::setTimeout()");
-  if (seconds > 0) {
+  if (isPositive(seconds)) {
     notifiee_->timeMinIs(Kiv::System::currentTime() + seconds);
   } else {
     notifiee_->timeMinIsNow();  // negative and not-a-number too; costs no clock read
@@ -33,7 +44,7 @@ void ClockTimer::setTimeout(double seconds) {
 
 void ClockTimer::delTimeout() {
   VELTRO_TRACE(Veltro::ownDebugHandler(), 5, "KivVeltro::ClockTimer::delTimeout()");
-  notifiee_->timeMinIs(kInfinity);
+  notifiee_->timeMinDel();
 }
 
 double ClockTimer::remainingTimeout() const {
@@ -65,7 +76,7 @@ void ClockTimer::Notifiee::onTime() {
     return;
   }
   if (std::isinf(timeMin())) return;  // disarmed since the pass began
-  timeMinIs(kInfinity);               // so that the handler finds its timer idle
+  timeMinDel();                       // so that the handler finds its timer idle
   VELTRO_TRACE(Veltro::ownDebugHandler(), 5, "KivVeltro::ClockTimer::onTime()");
   owner_->handler_->timeout();
 }

@@ -1,9 +1,7 @@
 #include "platform/OwnDebugHandler.h"
 
 namespace Veltro {
-namespace {
 
-[[maybe_unused]] Platform::DebugHandler& atLoad = ownDebugHandler();
+Platform::DebugHandler* const ownHandler = Platform::getDebugHandler("KivVeltro");
 
-}  // namespace
 }  // namespace Veltro

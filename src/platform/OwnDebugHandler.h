@@ -3,10 +3,10 @@
 
 namespace Veltro {
 
-/// The library's own handler, "KivVeltro". Made at load, never freed.
-inline Platform::DebugHandler& ownDebugHandler() {
-  static Platform::DebugHandler* const handler = Platform::getDebugHandler("KivVeltro");
-  return *handler;
-}
+/// Set when the library is loaded: the controls' traces need no guard before them.
+extern Platform::DebugHandler* const ownHandler;
+
+/// The library's own handler, "KivVeltro". Never freed.
+inline Platform::DebugHandler& ownDebugHandler() { return *ownHandler; }
 
 }  // namespace Veltro

@@ -1,7 +1,7 @@
 #include "SchedDebug.h"
 
 namespace Veltro {
-namespace {
-[[maybe_unused]] Platform::DebugHandler& atLoad = schedDebug();
-}  // namespace
+
+Platform::DebugHandler* const schedDebugHandler = Platform::getDebugHandler("TaskScheduler");
+
 }  // namespace Veltro

@@ -133,10 +133,11 @@ void TaskScheduler::_runTask(TaskImpl& task, TimePoint now) {
     std::shared_ptr<_TaskBase>& current;
     std::shared_ptr<_TaskBase> other;
     ~Executing() { current.swap(other); }
-  } const executing{executingTask_, std::exchange(executingTask_, nullptr)};
+  } executing{executingTask_, nullptr};
 
   try {
-    executingTask_ = _lock(task, now);
+    executing.other = _lock(task, now);
+    executingTask_.swap(executing.other);
     TimePoint end;
     task.taskDoRun(now, end);
     VELTRO_TRACE(schedDebug(), 8, *this << " Scheduler completed task, request run");

@@ -50,6 +50,14 @@ class KIV_API Clock::Notifiee : public PtrInterface::NotifieeConst {
   /// Arms for the latest time taken, so for the next pass: what a zero delay means, without a
   /// clock read and at a cost that does not depend on how many others are armed.
   void timeMinIsNow();
+  /// Disarms, as timeMinIs(infinity) does.
+  void timeMinDel() {
+    if (place_ == Place::none) {
+      timeMin_ = std::numeric_limits<double>::infinity();
+    } else {
+      _timeMinDel();
+    }
+  }
 
   Clock& clock() const { return *clock_; }
 
@@ -68,6 +76,7 @@ class KIV_API Clock::Notifiee : public PtrInterface::NotifieeConst {
   friend class TimerQueue;
   /// Where it waits. The two lists take turns at being the due list and the batch.
   enum class Place : unsigned char { none, heap, firstList, secondList };
+  void _timeMinDel();
 
   Ptr<Clock> const clock_;
   double timeMin_ = std::numeric_limits<double>::infinity();
