@@ -52,6 +52,8 @@ VELTRO_API void le_debug_cb(int severity, char const* msg);
 /// libevent's fatal errors raise an assertion instead of ending the process.
 [[noreturn]] VELTRO_API void le_fatal_cb(int err);
 
+struct LibeventThread;  // private to the library
+
 class VELTRO_API LibeventTimerControl : public Platform::TimerControl {
  public:
   explicit LibeventTimerControl(Platform::TimeoutHandler* handler);
@@ -72,7 +74,8 @@ class VELTRO_API LibeventTimerControl : public Platform::TimerControl {
 
  private:
   static void handleTimeout(evutil_socket_t fd, short what, void* control);
-  void handler();
+  void handler(LibeventThread const& thread);
+  void _assign(LibeventThread& thread);
 
   Platform::TimeoutHandler* const handler_;
   event timerEvent_;

@@ -12,12 +12,13 @@
 #include "Veltro/Exception.h"
 
 namespace Veltro {
+
+Platform::DebugHandler* const libeventDebugHandler = Platform::getDebugHandler("VeltroLibevent");
+
 namespace {
 
 constexpr char const* kSourceFile = "Veltro/LibeventFactoryCpp";
 constexpr Platform::DebugHandler* kNoHandler = nullptr;
-
-[[maybe_unused]] Platform::DebugHandler& atLoad = libeventDebug();
 
 std::atomic<unsigned> forks{0};
 std::atomic<U64> serials{0};

@@ -8,11 +8,11 @@
 
 namespace Veltro {
 
-/// The module's handler, "VeltroLibevent". Made at load, never freed.
-inline Platform::DebugHandler& libeventDebug() {
-  static Platform::DebugHandler* const handler = Platform::getDebugHandler("VeltroLibevent");
-  return *handler;
-}
+/// Set when the library is loaded.
+extern Platform::DebugHandler* const libeventDebugHandler;
+
+/// The module's handler, "VeltroLibevent". Never freed.
+inline Platform::DebugHandler& libeventDebug() { return *libeventDebugHandler; }
 
 /// Calls `body`, and `react` inside the catch block of what it throws; says whether it threw. The
 /// forced unwinding of a thread that is cancelled passes: swallowing it would end the process.
@@ -54,7 +54,7 @@ struct LibeventThread {
   U64 serial = 0;      // of the base, unique in the process; 0 without one
   unsigned forks = 0;  // forks behind this process when the base was last known to be its own
   bool isMain = false;
-  event exitEvent;
+  event exitEvent{};
   bool exitArmed = false;
   std::exception_ptr* thrown = nullptr;  // where doLeEventLoop waits for it; null outside of it
 

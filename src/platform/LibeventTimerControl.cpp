@@ -27,10 +27,8 @@ void startFromNow(event_base* base, timeval& delay) {
 }  // namespace
 
 LibeventTimerControl::LibeventTimerControl(Platform::TimeoutHandler* handler) : handler_(handler) {
-  LibeventThread& thread = LibeventThread::current();
-  // Assigned at once: to ask about an event that never was is a warning of libevent's.
-  event_assign(&timerEvent_, thread.ensureBase(), -1, 0, &handleTimeout, this);
-  baseSerial_ = thread.serial;
+  // At once: to ask about an event that never was is a warning of libevent's.
+  _assign(LibeventThread::current());
 }
 
 LibeventTimerControl::~LibeventTimerControl() {
@@ -39,18 +37,21 @@ LibeventTimerControl::~LibeventTimerControl() {
 }
 
 void LibeventTimerControl::setTimeout(double seconds) {
-  LibeventTimerControl::delTimeout();
-  if (seconds > std::numeric_limits<double>::max()) return;
+  if (seconds > std::numeric_limits<double>::max()) return LibeventTimerControl::delTimeout();
   LibeventThread& thread = LibeventThread::current();
-  event_base* const base = thread.ensureBase();
+  if (!thread.holds(baseSerial_)) _assign(thread);
   timeval delay = toDelay(seconds);
-  if (seconds > 0) startFromNow(base, delay);
-  event_assign(&timerEvent_, base, -1, 0, &handleTimeout, this);
-  baseSerial_ = thread.serial;
+  if (seconds > 0) startFromNow(thread.base, delay);
+  // Replaces an earlier deadline, and takes back a call that the pass under way has still to make.
   if (event_add(&timerEvent_, &delay) != 0) {
     MemoryResourceException::throwException("libevent takes no timer");
   }
   fastForwardArmed(thread, timerEvent_);
+}
+
+void LibeventTimerControl::_assign(LibeventThread& thread) {
+  event_assign(&timerEvent_, thread.ensureBase(), -1, 0, &handleTimeout, this);
+  baseSerial_ = thread.serial;
 }
 
 void LibeventTimerControl::delTimeout() {
@@ -79,11 +80,12 @@ double LibeventTimerControl::remainingTimeout() const {
 }
 
 void LibeventTimerControl::handleTimeout(evutil_socket_t, short, void* control) {
-  LibeventThread::current().guard([=] { static_cast<LibeventTimerControl*>(control)->handler(); });
+  LibeventThread& thread = LibeventThread::current();
+  thread.guard([&] { static_cast<LibeventTimerControl*>(control)->handler(thread); });
 }
 
-void LibeventTimerControl::handler() {
-  fastForwardGone(LibeventThread::current(), timerEvent_);
+void LibeventTimerControl::handler(LibeventThread const& thread) {
+  fastForwardGone(thread, timerEvent_);
   HandlerCall const call(gone_);
   catching([this] { handler_->timeout(); },
            [&] {
