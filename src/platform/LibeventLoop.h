@@ -1,10 +1,9 @@
 #pragma once
-#include <cxxabi.h>
-
 #include <exception>
 
 #include "Veltro/Debug.h"
 #include "Veltro/LibeventFactoryCpp.h"
+#include "diag/Catching.h"
 
 namespace Veltro {
 
@@ -13,22 +12,6 @@ extern Platform::DebugHandler* const libeventDebugHandler;
 
 /// The module's handler, "VeltroLibevent". Never freed.
 inline Platform::DebugHandler& libeventDebug() { return *libeventDebugHandler; }
-
-/// Calls `body`, and `react` inside the catch block of what it throws; says whether it threw. The
-/// forced unwinding of a thread that is cancelled passes: swallowing it would end the process.
-template <typename Body, typename React>
-__attribute__((no_sanitize("undefined")))  // forced unwinding binds the reference to nothing
-bool catching(Body&& body, React&& react) {
-  try {
-    body();
-    return false;
-  } catch (abi::__forced_unwind&) {
-    throw;
-  } catch (...) {
-    react();
-    return true;
-  }
-}
 
 /// Stands on the stack around a handler's call, however that ends, and hears whether the control
 /// was destroyed in it: the control's destructor sets the flag that its member points to.

@@ -3,13 +3,20 @@
 #include <utility>
 
 #include "Veltro/TaskSchedulerRoot.h"
+#include "diag/Catching.h"
 
 namespace Veltro {
 namespace {
 
-// Inside the catch block of a handler's event: what the handler does not answer goes on.
-void offer(bool answered) {
-  if (!answered) throw;
+/// Calls `event`, the handler's event in a run of `control`; what it throws goes on unless the
+/// handler answers for it. When the run itself holds the last reference, the handler has let go of
+/// its control and may be gone itself: nobody to ask.
+template <typename Event, typename Answer>
+void call(_TaskBase const& control, Event&& event, Answer&& answer) {
+  catching(event, [&] {
+    bool const released = control.weak_from_this().use_count() <= 1;
+    if (released || !answer()) throw;
+  });
 }
 
 }  // namespace
@@ -26,11 +33,9 @@ void Platform::TaskTimerControl::delTimeout() { stopTimerTask(); }
 double Platform::TaskTimerControl::remainingTimeout() const { return timerRemaining(); }
 
 void Platform::TaskTimerControl::taskExecute() {
-  try {
-    handler_->timeout();
-  } catch (...) {
-    offer(handler_->handleTimeoutException());
-  }
+  call(
+      *this, [this] { handler_->timeout(); },
+      [this] { return handler_->handleTimeoutException(); });
 }
 
 Platform::TaskCallbackControl::TaskCallbackControl(CallbackHandler* handler,
@@ -45,11 +50,9 @@ void Platform::TaskCallbackControl::cancelCallback() { unscheduleTask(); }
 bool Platform::TaskCallbackControl::pendingCallback() const { return taskScheduled(); }
 
 void Platform::TaskCallbackControl::taskExecute() {
-  try {
-    handler_->callback();
-  } catch (...) {
-    offer(handler_->handleCallbackException());
-  }
+  call(
+      *this, [this] { handler_->callback(); },
+      [this] { return handler_->handleCallbackException(); });
 }
 
 Platform::TaskFdControl::TaskFdControl(FdEventHandler* handler,
@@ -84,20 +87,14 @@ void Platform::TaskFdControl::clearEvents() { preFdCloseCleanup(); }
 // The descriptor is read before the event, which may take it off.
 void Platform::TaskFdControl::taskExecuteReadable() {
   int const fd = getFd();
-  try {
-    handler_->readFdEvent(fd);
-  } catch (...) {
-    offer(handler_->handleFdException(fd));
-  }
+  call(
+      *this, [=] { handler_->readFdEvent(fd); }, [=] { return handler_->handleFdException(fd); });
 }
 
 void Platform::TaskFdControl::taskExecuteWritable() {
   int const fd = getFd();
-  try {
-    handler_->writeFdEvent(fd);
-  } catch (...) {
-    offer(handler_->handleFdException(fd));
-  }
+  call(
+      *this, [=] { handler_->writeFdEvent(fd); }, [=] { return handler_->handleFdException(fd); });
 }
 
 std::shared_ptr<Platform::TimerControl> Platform::getTimerControl(

@@ -181,6 +181,27 @@ TEST_F(TaskControlsTest, releasedInsideItsHandlerItIsNotRunAgain) {
   EXPECT_EQ(0u, root->registeredTaskCount());
 }
 
+// It may have gone with its control: nobody to ask, so the exception goes on.
+TEST_F(TaskControlsTest, aHandlerThatReleasedItsControlIsNotAsked) {
+  handler.answer = true;
+  fd->setFd(7);
+  fd->setReads(true);
+  std::function<void()> const releases[] = {[&] { timer.reset(); }, [&] { callback.reset(); },
+                                            [&] { fd.reset(); }};
+  std::function<void()> const triggers[] = {[&] { timer->setTimeout(0); },
+                                            [&] { callback->requestCallback(); },
+                                            [&] { fdTask().handleReadable(); }};
+  for (unsigned i = 0; i < 3; ++i) {
+    handler.action = [&] {
+      releases[i]();
+      throw std::runtime_error("out of a handler without a control");
+    };
+    triggers[i]();
+    EXPECT_THROW(runAll(), std::runtime_error);
+    EXPECT_EQ(1u, handler.take().size());
+  }
+}
+
 TEST(TaskControlsWithoutSchedulerTest, areRefused) {
   Handler handler;
   EXPECT_EQ("Need a TaskScheduler", assertionOf([&] {
