@@ -1,6 +1,5 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
 #include <cstdio>
 #include <cstring>
@@ -9,9 +8,11 @@
 
 #include "Kiv/AttributeLog.h"
 #include "Veltro/BlockCounter.h"
+#include "Veltro/CounterDescriptions.h"
 #include "Veltro/ShmemMan.h"
 #include "tests/support/OwnVar.h"
 #include "tests/support/TempDir.h"
+#include "tests/tools/Tool.h"
 
 namespace fs = std::filesystem;
 
@@ -20,28 +21,9 @@ namespace {
 
 using testing::HasSubstr;
 
-struct Outcome {
-  int status;
-  std::string text;  // both streams, as they came
-};
-
-std::string readLine(std::FILE* from) {
-  char line[4096] = "";
-  return std::fgets(line, sizeof line, from) == nullptr ? "" : line;
-}
-
-Outcome run(std::string const& arguments, std::string const& redirect = " 2>&1") {
-  std::FILE* const pipe = ::popen((COUNTERS_TOOL " " + arguments + redirect).c_str(), "r");
-  Outcome outcome{-1, ""};
-  for (std::string line; !(line = readLine(pipe)).empty();) outcome.text += line;
-  int const status = ::pclose(pipe);
-  outcome.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  return outcome;
-}
-
 /// A log with two keys of four, and a file of blocks of 16 bytes where the first was started.
-struct CountersToolTest : testing::Test {
-  CountersToolTest() {
+struct CountersTest : testing::Test {
+  CountersTest() {
     manager->counterKeyToMemBlockIs("files", 1);
     manager->counterKeyToMemBlockIs("it's \"\n\xff\xc3\xa4", 3);
     Kiv::AttributeLog::save(*manager, log);
@@ -61,27 +43,49 @@ struct CountersToolTest : testing::Test {
   Kiv::Ptr<ShmemMan> const manager = Kiv::allocate<ShmemMan>("mgr", "base", 4u);
 };
 
-TEST_F(CountersToolTest, printsATableAndJson) {
-  Outcome const table = run(both);
+TEST_F(CountersTest, printsATableAndJson) {
+  Outcome const table = veltro("counters " + both);
   EXPECT_EQ(0, table.status);
   EXPECT_EQ(
       "COUNTER         BLOCK  GENERATION       VALUE\n"
       "'files'             1           7  4294967298\n"
       "'it\\'s \"\\n\xff\xc3\xa4'      3           -           -\n",
       table.text);
-  Outcome const json = run("--json --block-size 16 " + both);
+  Outcome const json = veltro("counters --json --block-size 16 " + both);
   EXPECT_EQ(0, json.status);
   EXPECT_EQ("{\"file\":\"" + file +
                 "\",\"maxCounters\":4,\"blockSize\":16,\"counters\":["
                 "{\"key\":\"files\",\"block\":1,\"generation\":7,\"value\":4294967298},"
-                "{\"key\":\"it's \\\"\\u000a\\ufffd\xc3\xa4\",\"block\":3,"
+                "{\"key\":\"it's \\\"\\n\xef\xbf\xbd\xc3\xa4\",\"block\":3,"
                 "\"generation\":null,\"value\":null}]}\n",
             json.text);
 }
 
-TEST_F(CountersToolTest, followsValuesKeysAndRestarts) {
+TEST_F(CountersTest, saysWhatTheAgentSaidOfThem) {
+  CounterDescriptions about;
+  about.descriptionIs("files", {"counter", "files", "Files, 'read'\nand \\ hashed."});
+  EXPECT_THROW(about.descriptionIs("files", {"sum", "", ""}), Kiv::RangeException);
+  about.save(CounterDescriptions::pathOf(log));
+  EXPECT_THAT(veltro("counters --json " + both).text,
+              HasSubstr("\"value\":4294967298,\"kind\":\"counter\",\"unit\":\"files\","
+                        "\"help\":\"Files, 'read'\\nand \\\\ hashed.\"}"));
+  blockIs(32, 1, 5);  // of the key that nothing was said of
+  Outcome const metrics = veltro("counters --metrics " + both);
+  EXPECT_EQ(0, metrics.status);
+  EXPECT_EQ(
+      "# HELP files Files, 'read'\\nand \\\\ hashed. Unit: files\n"
+      "# TYPE files counter\n"
+      "files{key=\"files\"} 4294967298\n"
+      "# TYPE it_s______ untyped\n"
+      "it_s______{key=\"it's \\\"\\n\xef\xbf\xbd\xc3\xa4\"} 5\n",
+      metrics.text);
+  std::ofstream(CounterDescriptions::pathOf(log)) << "{'files': {'kind': 'sum'}}";
+  EXPECT_EQ(1, veltro("counters " + both).status);
+}
+
+TEST_F(CountersTest, followsValuesKeysAndRestarts) {
   std::FILE* const tool =
-      ::popen((COUNTERS_TOOL " --json --follow=0.01 " + both + " 2>&1").c_str(), "r");
+      ::popen((VELTRO_TOOL " counters --json --follow=0.01 " + both + " 2>&1").c_str(), "r");
   auto const followsUntil = [tool](char const* text) {
     for (std::string line = readLine(tool); !line.empty(); line = readLine(tool)) {
       if (line.find(text) != std::string::npos) return true;
@@ -103,19 +107,19 @@ TEST_F(CountersToolTest, followsValuesKeysAndRestarts) {
   ::pclose(tool);  // it ends as it writes to nobody
 }
 
-TEST_F(CountersToolTest, showsRatesWithinAGeneration) {
-  Outcome const outcome = run("--follow=0.01 --times 2 " + both);
+TEST_F(CountersTest, showsRatesWithinAGeneration) {
+  Outcome const outcome = veltro("counters --follow=0.01 --times 2 " + both);
   EXPECT_EQ(0, outcome.status);
   EXPECT_THAT(outcome.text, HasSubstr("PER SECOND\n'files'             1           7  4294967298"
                                       "         0.0\n"));
 }
 
-TEST_F(CountersToolTest, findsTheFileThatTheLogNames) {
+TEST_F(CountersTest, findsTheFileThatTheLogNames) {
   if (!mayUnshare()) GTEST_SKIP() << "needs the privilege to hide /var";
   inOwnVar([this] {
     BlockCounter(manager->counterAddr("files", 64, false)).inc(3);
     manager->shmemGenIdIs("it's \"\n\xff\xc3\xa4", 64, 2);
-    Outcome const outcome = run("--json " + log);
+    Outcome const outcome = veltro("counters --json " + log);
     EXPECT_EQ(0, outcome.status);
     EXPECT_THAT(outcome.text, HasSubstr("{\"file\":\"/var/shmem/shmem/counters/base/mgr\","
                                         "\"maxCounters\":4,\"blockSize\":64,"));
@@ -123,7 +127,7 @@ TEST_F(CountersToolTest, findsTheFileThatTheLogNames) {
   });
 }
 
-TEST_F(CountersToolTest, saysWhatIsWrong) {
+TEST_F(CountersTest, saysWhatIsWrong) {
   std::ofstream(temp.path("damaged")) << "Veltro::ShmemMan attribute log 1\n"
                                          "name = 'mgr'\n"
                                          "maxCounters = many\n"
@@ -139,31 +143,52 @@ TEST_F(CountersToolTest, saysWhatIsWrong) {
     int status;
     std::string text;
   } const cases[] = {
-      {"--help", 0, "usage: veltro-counters [OPTION...] LOG\n"},
-      {"", 2, "veltro-counters: LOG is missing"},
-      {log + " more", 2, "one word too many: more"},
-      {"--colour " + log, 2, "unknown option --colour"},
-      {"--file", 2, "--file needs a value"},
-      {"--times 3 " + log, 2, "--times goes with --follow only"},
-      {"--follow=soon " + log, 2, "--follow cannot be 'soon'"},
-      {"--follow=nan " + log, 2, "--follow cannot be 'nan'"},
-      {"--block-size=15 " + log, 2, "--block-size cannot be '15'"},
-      {temp.path("missing"), 1, temp.path("missing") + ": No such file or directory (2)"},
-      {temp.path("damaged"), 1, temp.path("damaged") + ": attribute log line 3: "},
-      {"--file=" + file + " " + temp.path("beyond"), 1, "key 'x' has block 5 of 4"},
-      {"--file=" + temp.path("missing") + " " + log, 1, "No such file or directory (2)"},
-      {"--file=" + temp.path("link") + " " + log, 1, "Too many levels of symbolic links (40)"},
-      {"--file=" + temp.path("short") + " " + log, 1,
+      {"--help", 0, "counters"},
+      {"counters --help", 0, "Usage: veltro counters [OPTIONS] LOG\n"},
+      {"", 2, "veltro: A subcommand is required (--help says more)"},
+      {"counters", 2, "veltro: LOG is required"},
+      {"counters " + log + " more", 2, "not expected: more"},
+      {"counters --colour " + log, 2, "--colour"},
+      {"counters --times 3 " + log, 2, "--times requires --follow"},
+      {"counters --follow=soon " + log, 2, "--follow: cannot be 'soon'"},
+      {"counters --follow=nan " + log, 2, "--follow: cannot be 'nan'"},
+      {"counters --block-size=15 " + log, 2, "--block-size: cannot be '15'"},
+      {"counters --json --metrics " + log, 2, "excludes"},
+      {"counters " + temp.path("missing"), 1,
+       temp.path("missing") + ": No such file or directory (2)"},
+      {"counters " + temp.path("damaged"), 1, temp.path("damaged") + ": attribute log line 3: "},
+      {"counters --file=" + file + " " + temp.path("beyond"), 1, "key 'x' has block 5 of 4"},
+      {"counters --file=" + temp.path("missing") + " " + log, 1, "No such file or directory (2)"},
+      {"counters --file=" + temp.path("link") + " " + log, 1,
+       "Too many levels of symbolic links (40)"},
+      {"counters --file=" + temp.path("short") + " " + log, 1,
        "16 bytes are not 4 blocks with a counter each"},
-      {"--block-size=64 " + both, 1, "64 bytes are not 4 blocks with a counter each of 64 bytes"},
+      {"counters --block-size=64 " + both, 1,
+       "64 bytes are not 4 blocks with a counter each of 64 bytes"},
   };
   for (auto const& c : cases) {
     SCOPED_TRACE(c.arguments);
-    Outcome const outcome = run(c.arguments);
+    Outcome const outcome = veltro(c.arguments);
     EXPECT_EQ(c.status, outcome.status);
     EXPECT_THAT(outcome.text, HasSubstr(c.text));
   }
-  EXPECT_EQ(1, run(both, " >/dev/full 2>&-").status);
+  EXPECT_EQ(1, veltro("counters " + both, " >/dev/full 2>&-").status);
+}
+
+// Bash itself reads the script and completes.
+TEST_F(CountersTest, completesItsWords) {
+  auto const completed = [this](std::string const& words, int at) {
+    return shell("cd " + temp.path() +
+                 " && bash -c 'source <(" VELTRO_TOOL
+                 " completion) && "
+                 "COMP_WORDS=(" +
+                 words + ") COMP_CWORD=" + std::to_string(at) +
+                 " && _veltro && echo ${COMPREPLY[@]}' 2>&1")
+        .text;
+  };
+  EXPECT_EQ("counters\n", completed("veltro cou", 1));
+  EXPECT_EQ("--file --follow\n", completed("veltro counters --f", 2));
+  EXPECT_EQ("file\n", completed("veltro counters fi", 2));
 }
 
 }  // namespace

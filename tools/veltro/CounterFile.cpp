@@ -1,4 +1,4 @@
-#include "Snapshot.h"
+#include "CounterFile.h"
 
 #include <libgen.h>
 #include <sys/stat.h>
@@ -11,7 +11,7 @@
 #include "Mem/Shared.h"
 #include "Veltro/ShmemMan.h"
 
-namespace Counters {
+namespace Operator {
 namespace {
 
 using Kiv::U32;
@@ -50,7 +50,7 @@ class Mapping {
  public:
   Mapping(std::string const& file, U32 length)
       : segment_(_directory(file), _name(file), false, 0, false),
-        start_(segment_.attach(length, Mem::Mode::shared, false, "veltro-counters")) {
+        start_(segment_.attach(length, Mem::Mode::shared, false, "veltro")) {
     if (start_ == nullptr) throw Kiv::ErrnoException(file, errno);
   }
   void const* at(U64 offset) const { return static_cast<char const*>(start_) + offset; }
@@ -74,6 +74,7 @@ std::optional<BlockCounter::Sample> sampleOf(void const* block) {
 
 Snapshot snapshotOf(std::string const& log, std::string const& file, U32 blockSize) {
   auto const manager = managerOf(log);
+  auto const about = Veltro::CounterDescriptions::load(Veltro::CounterDescriptions::pathOf(log));
   Snapshot snapshot;
   snapshot.file = file.empty() ? manager->fileName().stdString() : file;
   snapshot.maxCounters = manager->maxCounters();
@@ -86,11 +87,11 @@ Snapshot snapshotOf(std::string const& log, std::string const& file, U32 blockSi
                                 std::to_string(block) + " of " +
                                 std::to_string(snapshot.maxCounters));
     }
-    Counter counter{key.stdString(), block, std::nullopt};
+    Counter counter{key.stdString(), block, std::nullopt, about.description(key.stdString())};
     if (block > 0) counter.sample = sampleOf(mapping.at(U64{block - 1} * snapshot.blockSize));
     snapshot.counters.push_back(std::move(counter));
   }
   return snapshot;
 }
 
-}  // namespace Counters
+}  // namespace Operator

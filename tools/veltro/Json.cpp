@@ -2,8 +2,9 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <ostream>
 
-namespace Counters {
+namespace Operator {
 namespace {
 
 /// Bytes of the UTF-8 sequence at `at`; 0 where there is none.
@@ -29,25 +30,36 @@ std::size_t sequenceAt(std::string const& bytes, std::size_t at) {
 
 }  // namespace
 
-std::string jsonString(std::string const& bytes) {
-  std::string text = "\"";
+std::string utf8Of(std::string const& bytes) {
+  std::string text;
   for (std::size_t at = 0; at < bytes.size();) {
     std::size_t const length = sequenceAt(bytes, at);
-    auto const first = static_cast<unsigned char>(bytes[at]);
     if (length == 0) {
-      text += "\\ufffd";
-    } else if (first == '"' || first == '\\') {
-      text += {'\\', bytes[at]};
-    } else if (first < 0x20 || first == 0x7f) {
-      char escaped[8];
-      std::snprintf(escaped, sizeof escaped, "\\u%04x", unsigned{first});
-      text += escaped;
+      text += "\xef\xbf\xbd";
     } else {
       text.append(bytes, at, length);
     }
     at += std::max<std::size_t>(length, 1);
   }
-  return text + "\"";
+  return text;
 }
 
-}  // namespace Counters
+Json& Json::string(std::string const& bytes) {
+  std::string const text = utf8Of(bytes);
+  writer_.String(text.data(), static_cast<rapidjson::SizeType>(text.size()));
+  return *this;
+}
+
+// As text: the writer would print all digits of what was rounded.
+Json& Json::real(double value, int decimals) {
+  char text[64];
+  int const length = std::snprintf(text, sizeof text, "%.*f", decimals, value);
+  writer_.RawValue(text, static_cast<std::size_t>(length), rapidjson::kNumberType);
+  return *this;
+}
+
+std::ostream& operator<<(std::ostream& out, Json const& json) {
+  return out << json.buffer_.GetString() << '\n';
+}
+
+}  // namespace Operator

@@ -5,14 +5,16 @@
 
 #include "Kiv/Types.h"
 #include "Veltro/BlockCounter.h"
+#include "Veltro/CounterDescriptions.h"
 
-namespace Counters {
+namespace Operator {
 
 struct Counter {
   std::string key;
   Kiv::U32 block = 0;  // 0: the log gives it none
   /// Nothing while its block was never started.
   std::optional<Veltro::BlockCounter::Sample> sample;
+  Veltro::CounterDescription description;
 };
 
 /// What a counter file held, in the order of the keys. Each value is whole; they are read one
@@ -29,4 +31,4 @@ struct Snapshot {
 /// throws Kiv::Exception, which says what and where.
 Snapshot snapshotOf(std::string const& log, std::string const& file, Kiv::U32 blockSize);
 
-}  // namespace Counters
+}  // namespace Operator
