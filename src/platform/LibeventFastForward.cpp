@@ -36,11 +36,15 @@ void lowerMinTime(event const& timer) {
   if (lowest == 0 || seconds < lowest) minTime.store(seconds, std::memory_order_relaxed);
 }
 
-// Arms `timer` again, earlier by minTime. By libevent's own operations, so that its heap stays in
-// order beside timers that are not ours; one that is due already is left as it is.
-void moveBack(event& timer, timeval const& deadline) {
+timeval wallClock() {
   timeval now;
   evutil_gettimeofday(&now, nullptr);
+  return now;
+}
+
+// Arms `timer` again, earlier by minTime. By libevent's own operations, so that its heap stays in
+// order beside timers that are not ours; one that is due already is left as it is.
+void moveBack(event& timer, timeval const& deadline, timeval const& now) {
   if (!evutil_timercmp(&now, &deadline, <)) return;
   timeval delay;
   evutil_timersub(&deadline, &now, &delay);
@@ -69,13 +73,14 @@ void fastForwardAll(LibeventThread const& thread) {
   }
   std::sort(timers.begin(), timers.end(),
             [](auto const& a, auto const& b) { return evutil_timercmp(&a.first, &b.first, <); });
-  for (auto const& [deadline, timer] : timers) moveBack(*timer, deadline);
+  timeval const now = wallClock();  // one for all: else two close deadlines could change places
+  for (auto const& [deadline, timer] : timers) moveBack(*timer, deadline, now);
 }
 
 void fastForwardOne(event& timer) {
   lowerMinTime(timer);
   timeval deadline{};
-  if (leFastForward() && pending(timer, deadline)) moveBack(timer, deadline);
+  if (leFastForward() && pending(timer, deadline)) moveBack(timer, deadline, wallClock());
 }
 
 void setLeFastForward(bool on) {

@@ -55,7 +55,6 @@ void disarmExit(LibeventThread& thread) {
 }
 
 void armExit(LibeventThread& thread, double seconds) {
-  disarmExit(thread);  // of a run that was left by exception
   timeval const delay = toDelay(seconds);
   event_assign(&thread.exitEvent, thread.ensureBase(), -1, 0, &handleBaseLoopExit, &thread);
   event_add(&thread.exitEvent, &delay);
@@ -171,7 +170,7 @@ int doLeEventLoop(double seconds) {
       if (thread.base != nullptr) disarmExit(thread);
     }
   };
-  Exit const exit{thread};
+  Exit const exit{thread};  // disarmed on every way out
   armExit(thread, seconds);
   fastForwardOne(thread.exitEvent);
   return doLeEventLoop();

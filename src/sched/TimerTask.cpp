@@ -36,7 +36,7 @@ double partOf(double delay, unsigned percentage, unsigned draw) {
 }
 Nanoseconds partOf(Nanoseconds delay, unsigned percentage, unsigned draw) {
   // Split, for delay x percentage x draw leaves 64 bits from ten days on. Same truncated quotient.
-  auto const factor = static_cast<Nanoseconds::rep>(percentage * draw);
+  auto const factor = Nanoseconds::rep{percentage} * draw;
   return delay / 10000 * factor + delay % 10000 * factor / 10000;
 }
 

@@ -11,7 +11,7 @@ namespace {
 template <typename Holder>
 struct HolderTest : testing::Test {};
 using Holders = testing::Types<Debuggable, DebugSupport>;
-TYPED_TEST_SUITE(HolderTest, Holders);
+TYPED_TEST_SUITE(HolderTest, Holders, );
 
 // Ownership shows in the sanitizer's report: a handler freed twice, never, or used after.
 TYPED_TEST(HolderTest, borrowersShareAndOwnersHaveTheirOwn) {
