@@ -1,6 +1,5 @@
 #include "Agent.h"
 
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -11,11 +10,11 @@
 #include <sstream>
 #include <system_error>
 
+#include "Debug.h"
+#include "Veltro/UtilCpp.h"
+
 namespace Indexer {
 namespace {
-
-// More than this on its way to the worker, and the walk rests.
-constexpr std::size_t kEnoughWaiting = 1000;
 
 std::string defaultSocketPath() {
   char const* const temporary = std::getenv("TMPDIR");
@@ -32,34 +31,24 @@ double secondsSince(std::chrono::steady_clock::time_point start) {
 Agent::Agent(Options const& options)
     : options_(options),
       started_(std::chrono::steady_clock::now()),
-      root_(Veltro::schedulerRootVeltro()) {
-  int ends[2];
-  if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) {
-    throw std::system_error(errno, std::generic_category(), "socketpair");
-  }
-  channel_ = Channel::make(
-      root_, Veltro::TaskPriority::normal, "results", ends[0],
-      [this](std::string const& message) { _result(message); },
-      [this] {
-        if (!ended_) _end(true);  // the worker is gone, which it never is by itself
-      });
-  hasher_ = std::make_unique<HasherThread>(ends[1]);
-  walk_ = std::make_shared<Walk>(root_, options_.directory,
-                                 [this](DirectoryWalk::Step const& step) { return _step(step); });
+      root_(Veltro::schedulerRootVeltro()),
+      counters_(options.counters),
+      tree_(root_, options.directory, options.stay, loadHash(options.hash), *this) {
   progress_ = std::make_shared<Progress>(root_, [this] {
-    return Progress::Figures{index_.files() + failed_, found_, index_.bytes()};
+    std::size_t const done = tree_.index().files() + tree_.unreadable();
+    return Progress::Figures{done, done + tree_.waiting(), tree_.index().bytes()};
   });
   signals_ = Signals::make(root_, [this](int) { _end(!done_); });
+  if (!counters_.place().empty()) {
+    std::fprintf(stderr, "counting in %s\n", counters_.place().c_str());
+  }
   _listen();
 }
 
-Agent::~Agent() {
-  channel_->close();
-  hasher_.reset();
-}
+Agent::~Agent() = default;
 
 int Agent::run() {
-  walk_->scheduleTask();
+  tree_.start();
   progress_->start();
   Veltro::Platform::doEventLoop();
   return _summary();
@@ -76,67 +65,71 @@ void Agent::_listen() {
   }
 }
 
-bool Agent::_step(DirectoryWalk::Step const& step) {
-  using Step = DirectoryWalk::Step;
-  if (step.kind == Step::file) _submit(step.path);
-  if (step.kind == Step::failed) _failed(step.path, step.errnum);
-  if (step.kind == Step::end) {
-    walked_ = true;
-    _checkDone();
-  }
-  return outstanding_.size() < kEnoughWaiting;
+void Agent::indexed(FileResult const& result) {
+  counters_.files().inc();
+  counters_.bytes().inc(result.bytes);
 }
 
-void Agent::_submit(std::string const& path) {
-  if (!outstanding_.insert(path).second) return;
-  ++found_;
-  channel_->send(path);
-}
-
-void Agent::_result(std::string const& message) {
-  FileResult const result = FileResult::fromMessage(message);
-  outstanding_.erase(result.path);
-  if (result.errnum == 0) {
-    index_.add(result);
-  } else {
-    _failed(result.path, result.errnum);
-  }
-  if (!walked_ && outstanding_.size() < kEnoughWaiting / 2) walk_->scheduleTask();
-  _checkDone();
-}
-
-void Agent::_failed(std::string const& path, int errnum) {
-  ++failed_;
+void Agent::unreadable(std::string const& path, int errnum) {
+  counters_.errors().inc();
   std::fprintf(stderr, "indexer: cannot read %s: %s\n", path.c_str(), std::strerror(errnum));
 }
 
-void Agent::_checkDone() {
-  if (done_ || ended_ || !walked_ || !outstanding_.empty()) return;
+// Thousands of directories may follow the first: they are counted only.
+void Agent::unwatchable(std::string const& path, int errnum) {
+  counters_.errors().inc();
+  if (tree_.unwatched() > 1) return;
+  std::string reason = std::strerror(errnum);
+  if (errnum == ENOSPC) {
+    std::istringstream limit(
+        Veltro::Util::fileRead(debug(), "/proc/sys/fs/inotify/max_user_watches", true));
+    limit >> reason;
+    reason = "no watches left, fs.inotify.max_user_watches is " + reason;
+  }
+  std::fprintf(stderr,
+               "indexer: cannot watch %s: %s; changes in this and other unwatched directories "
+               "(see stat) are not followed\n",
+               path.c_str(), reason.c_str());
+}
+
+void Agent::overflowed() {
+  std::fprintf(stderr, "indexer: more changes than the kernel keeps; walking the tree again\n");
+}
+
+void Agent::settled() {
+  if (done_ || ended_) return;
   done_ = true;
   progress_->finish();
   if (!options_.stay) _end(false);
 }
 
 std::string Agent::_answer(std::string const& question) {
+  counters_.queries().inc();
   std::istringstream words(question);
   std::string word;
   words >> word;
   if (word == "stat") return _stat();
   if (word == "find") return _find(words >> word ? word : "");
+  if (word == "file") {
+    std::getline(words >> std::ws, word);  // all of the line: a path may hold blanks
+    return _file(word);
+  }
   if (word == "report" || word == "history") return _report(question);
   if (word == "quit") {
     _end(!done_);
     return "bye\n";
   }
   return "error: unknown question '" + word +
-         "'; known: stat, find HASH, report, history N, quit\n";
+         "'; known: stat, find HASH, file PATH, report, history N, quit\n";
 }
 
 std::string Agent::_stat() const {
   std::ostringstream text;
-  text << "files " << index_.files() << "\nbytes " << index_.bytes() << "\nunreadable " << failed_
-       << "\nwaiting " << outstanding_.size() << "\nseconds " << std::fixed << std::setprecision(3)
-       << secondsSince(started_) << "\nstate " << (done_ ? "done" : "working") << "\n";
+  text << "files " << tree_.index().files() << "\nbytes " << tree_.index().bytes()
+       << "\nunreadable " << tree_.unreadable() << "\nwaiting " << tree_.waiting() << "\nwatched "
+       << tree_.watched() << "\nunwatched " << tree_.unwatched() << "\nseconds " << std::fixed
+       << std::setprecision(3) << secondsSince(started_) << "\nstate "
+       << (tree_.settled() ? "done" : "working") << "\n";
   return text.str();
 }
 
@@ -148,8 +141,17 @@ std::string Agent::_find(std::string const& hash) const {
     return "error: find needs a hash, up to 16 hexadecimal digits\n";
   }
   std::string text;
-  for (auto const& path : index_.find(number)) text += path + "\n";
+  for (auto const& path : tree_.index().find(number)) text += path + "\n";
   return text.empty() ? "none\n" : text;
+}
+
+std::string Agent::_file(std::string const& path) const {
+  Index::File const* const file = tree_.index().file(path);
+  if (file == nullptr) return "none\n";
+  std::ostringstream text;
+  text << file->bytes << " bytes, hash " << std::hex << std::setw(16) << std::setfill('0')
+       << file->hash << "\n";
+  return text.str();
 }
 
 std::string Agent::_report(std::string const& question) const {
@@ -173,18 +175,17 @@ void Agent::_end(bool early) {
   ended_ = true;
   early_ = early;
   if (!done_) progress_->finish();
-  walk_->unscheduleTask();
-  channel_->close();
+  tree_.close();
   signals_->close();
   if (server_ != nullptr) server_->close();
 }
 
 int Agent::_summary() const {
-  std::printf("%zu files, %llu bytes, %.3f seconds, %zu unreadable%s\n", index_.files(),
-              static_cast<unsigned long long>(index_.bytes()), secondsSince(started_), failed_,
-              early_ ? ", ended early" : "");
+  std::printf("%zu files, %llu bytes, %.3f seconds, %zu unreadable%s\n", tree_.index().files(),
+              static_cast<unsigned long long>(tree_.index().bytes()), secondsSince(started_),
+              tree_.unreadable(), early_ ? ", ended early" : "");
   if (early_) return 3;
-  return failed_ > 0 ? 1 : 0;
+  return tree_.unreadable() > 0 ? 1 : 0;
 }
 
 }  // namespace Indexer

@@ -1,28 +1,22 @@
 #pragma once
 #include <chrono>
 #include <memory>
-#include <set>
 #include <string>
 
-#include "Channel.h"
-#include "Hasher.h"
-#include "Index.h"
+#include "AgentCounters.h"
 #include "Options.h"
 #include "Progress.h"
 #include "QueryServer.h"
 #include "Signals.h"
-#include "Walk.h"
+#include "TreeIndex.h"
 
 namespace Indexer {
 
-/// The agent on the main thread, and how its parts meet:
-///
-///   Walk (low) --path--> Channel ==socket pair==> HasherThread
-///   Index <--result--- Channel <==socket pair==
-///
-/// beside them Progress (normal), QueryServer and Signals (high). When the walk has ended and
-/// every path is answered the index is done; all parts are closed and the loop runs dry.
-class Agent final {
+/// The agent on the main thread, and how its parts meet: TreeIndex does the work and tells this
+/// class, which counts and says what happens. Beside it Progress (normal), QueryServer and Signals
+/// (high). When the index is done, and it was not asked to stay, all parts are closed and the loop
+/// runs dry.
+class Agent final : private TreeIndex::Observer {
  public:
   explicit Agent(Options const& options);
   ~Agent();
@@ -31,15 +25,18 @@ class Agent final {
   int run();
 
  private:
-  bool _step(DirectoryWalk::Step const& step);
-  void _submit(std::string const& path);
-  void _result(std::string const& message);
-  void _failed(std::string const& path, int errnum);
-  void _checkDone();
+  void indexed(FileResult const& result) override;
+  void unreadable(std::string const& path, int errnum) override;
+  void unwatchable(std::string const& path, int errnum) override;
+  void overflowed() override;
+  void settled() override;
+  void workerLost() override { _end(true); }
+
   void _listen();
   std::string _answer(std::string const& question);
   std::string _stat() const;
   std::string _find(std::string const& hash) const;
+  std::string _file(std::string const& path) const;
   std::string _report(std::string const& question) const;
   void _end(bool early);
   int _summary() const;
@@ -47,19 +44,13 @@ class Agent final {
   Options const options_;
   std::chrono::steady_clock::time_point const started_;
   std::shared_ptr<Veltro::TaskSchedulerRoot> const root_;
+  AgentCounters counters_;
 
-  Index index_;
-  std::set<std::string> outstanding_;  // sent to the worker, not yet answered
-  std::size_t found_ = 0;
-  std::size_t failed_ = 0;
-  bool walked_ = false;
-  bool done_ = false;
+  bool done_ = false;  // the index was complete once
   bool ended_ = false;
   bool early_ = false;
 
-  std::shared_ptr<Channel> channel_;
-  std::unique_ptr<HasherThread> hasher_;
-  std::shared_ptr<Walk> walk_;
+  TreeIndex tree_;
   std::shared_ptr<Progress> progress_;
   std::shared_ptr<Signals> signals_;
   std::shared_ptr<QueryServer> server_;

@@ -12,21 +12,10 @@
 #include "Veltro/ThreadCpp.h"
 
 namespace Indexer {
-namespace {
-
-constexpr std::uint64_t kHashStart = 0xcbf29ce484222325u;
-
-std::uint64_t hashOn(std::uint64_t hash, char const* data, std::size_t length) {
-  for (std::size_t i = 0; i < length; ++i) {
-    hash = (hash ^ static_cast<unsigned char>(data[i])) * 0x100000001b3u;
-  }
-  return hash;
-}
-
-}  // namespace
-
-HashTask::HashTask(std::shared_ptr<Veltro::TaskScheduler> scheduler, OnResult onResult)
+HashTask::HashTask(std::shared_ptr<Veltro::TaskScheduler> scheduler, HashPlugin const& hash,
+                   OnResult onResult)
     : Task(std::move(scheduler), Veltro::TaskPriority::normal, "hash"),
+      hash_(hash),
       onResult_(std::move(onResult)) {}
 
 HashTask::~HashTask() {
@@ -55,7 +44,7 @@ void HashTask::taskExecute() {
 bool HashTask::_open() {
   result_ = FileResult();
   result_.path = std::move(paths_.front());
-  result_.hash = kHashStart;
+  result_.hash = hash_.start();
   paths_.pop_front();
   // Non-blocking: the name may have become a FIFO's since it was found.
   fd_ = ::open(result_.path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
@@ -64,11 +53,11 @@ bool HashTask::_open() {
 }
 
 bool HashTask::_slice() {
-  char buffer[65536];
+  unsigned char buffer[65536];
   ssize_t const got = ::read(fd_, buffer, sizeof buffer);
   if (got > 0) {
     result_.bytes += static_cast<std::uint64_t>(got);
-    result_.hash = hashOn(result_.hash, buffer, static_cast<std::size_t>(got));
+    result_.hash = hash_.hashOn(result_.hash, buffer, static_cast<std::size_t>(got));
     return true;
   }
   if (got < 0 && errno == EINTR) return true;
@@ -82,11 +71,12 @@ void HashTask::_finish(int errnum) {
   onResult_(result_);
 }
 
-HasherThread::HasherThread(int channelFd) : thread_(&HasherThread::_run, channelFd) {}
+HasherThread::HasherThread(int channelFd, HashPlugin const& hash)
+    : thread_(&HasherThread::_run, channelFd, std::cref(hash)) {}
 
 HasherThread::~HasherThread() { thread_.join(); }
 
-void HasherThread::_run(int channelFd) {
+void HasherThread::_run(int channelFd, HashPlugin const& function) {
   using namespace std::chrono_literals;
   Veltro::threadNameIs("hasher");
   {
@@ -96,7 +86,7 @@ void HasherThread::_run(int channelFd) {
     group->taskGroupQuantumIs(10ms);
     std::shared_ptr<Channel> channel;
     auto const hash = std::make_shared<HashTask>(
-        group, [&channel](FileResult const& result) { channel->send(result.message()); });
+        group, function, [&channel](FileResult const& result) { channel->send(result.message()); });
     hash->taskQuantumIs(5ms);
     channel = Channel::make(
         root, Veltro::TaskPriority::high, "paths", channelFd,

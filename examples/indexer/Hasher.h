@@ -6,6 +6,7 @@
 #include <thread>
 
 #include "Frames.h"
+#include "HashPlugin.h"
 #include "Veltro/TaskSchedulerCpp.h"
 
 namespace Indexer {
@@ -15,7 +16,8 @@ namespace Indexer {
 class HashTask final : public Veltro::Task {
  public:
   using OnResult = std::function<void(FileResult const&)>;
-  HashTask(std::shared_ptr<Veltro::TaskScheduler> scheduler, OnResult onResult);
+  HashTask(std::shared_ptr<Veltro::TaskScheduler> scheduler, HashPlugin const& hash,
+           OnResult onResult);
   ~HashTask() override;
 
   void add(std::string path);
@@ -26,6 +28,7 @@ class HashTask final : public Veltro::Task {
   bool _slice();
   void _finish(int errnum);
 
+  HashPlugin const& hash_;
   OnResult const onResult_;
   std::deque<std::string> paths_;
   int fd_ = -1;
@@ -37,13 +40,14 @@ class HashTask final : public Veltro::Task {
 /// the other end closes.
 class HasherThread final {
  public:
-  /// Takes over `channelFd`.
-  explicit HasherThread(int channelFd);
+  /// Takes over `channelFd`, borrows the hash: loaded by the thread that starts this one, for each
+  /// thread has a registry of its own.
+  HasherThread(int channelFd, HashPlugin const& hash);
   /// Joins; close the channel's other end first.
   ~HasherThread();
 
  private:
-  static void _run(int channelFd);
+  static void _run(int channelFd, HashPlugin const& hash);
   std::thread thread_;
 };
 

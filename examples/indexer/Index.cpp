@@ -1,48 +1,46 @@
 #include "Index.h"
 
+#include "PathRange.h"
+
 namespace Indexer {
 
 void Index::add(FileResult const& result) {
-  File const file{result.bytes, result.hash};
-  auto const [entry, added] = files_.emplace(result.path, file);
-  if (!added) {
-    _forget(result.path, entry->second);
-    entry->second = file;
-  }
-  byHash_.emplace(file.hash, result.path);
-  bytes_ += file.bytes;
+  if (auto const known = files_.find(result.path); known != files_.end()) _erase(known);
+  files_.emplace(result.path, File{result.bytes, result.hash});
+  byHash_.emplace(result.hash, result.path);
+  bytes_ += result.bytes;
 }
 
-std::size_t Index::remove(std::string const& path) {
-  std::size_t removed = 0;
-  std::string const below = path + "/";
-  for (auto entry = files_.begin(); entry != files_.end();) {
-    if (entry->first != path && entry->first.compare(0, below.size(), below) != 0) {
-      ++entry;
-      continue;
-    }
-    _forget(entry->first, entry->second);
-    entry = files_.erase(entry);
-    ++removed;
-  }
-  return removed;
+void Index::remove(std::string const& path) {
+  if (auto const known = files_.find(path); known != files_.end()) _erase(known);
+  auto [file, end] = rangeBelow(files_, path);
+  while (file != end) file = _erase(file);
+}
+
+Index::File const* Index::file(std::string const& path) const {
+  auto const known = files_.find(path);
+  return known == files_.end() ? nullptr : &known->second;
 }
 
 std::vector<std::string> Index::find(std::uint64_t hash) const {
-  std::vector<std::string> paths;
-  for (auto [entry, end] = byHash_.equal_range(hash); entry != end; ++entry) {
-    paths.push_back(entry->second);
+  std::vector<std::string> found;
+  for (auto entry = byHash_.lower_bound({hash, ""}); entry != byHash_.end(); ++entry) {
+    if (entry->first != hash) break;
+    found.push_back(entry->second);
   }
-  return paths;
+  return found;
 }
 
-void Index::_forget(std::string const& path, File const& file) {
-  bytes_ -= file.bytes;
-  for (auto [entry, end] = byHash_.equal_range(file.hash); entry != end; ++entry) {
-    if (entry->second != path) continue;
-    byHash_.erase(entry);
-    return;
-  }
+std::set<std::string> Index::paths() const {
+  std::set<std::string> all;
+  for (auto const& entry : files_) all.insert(all.end(), entry.first);
+  return all;
+}
+
+Index::Files::iterator Index::_erase(Files::iterator file) {
+  bytes_ -= file->second.bytes;
+  byHash_.erase({file->second.hash, file->first});
+  return files_.erase(file);
 }
 
 }  // namespace Indexer

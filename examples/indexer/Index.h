@@ -1,7 +1,9 @@
 #pragma once
 #include <cstdint>
+#include <map>
+#include <set>
 #include <string>
-#include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "Frames.h"
@@ -18,19 +20,23 @@ class Index final {
 
   /// Takes up a file, or takes it up anew.
   void add(FileResult const& result);
-  /// Forgets a file; a directory's name forgets all below it. Returns how many.
-  std::size_t remove(std::string const& path);
+  /// Forgets a file; a directory's name forgets all below it.
+  void remove(std::string const& path);
 
-  /// The paths of the files with that hash, in the order found.
+  /// What is known of a file; null when nothing is. Valid until the next change.
+  File const* file(std::string const& path) const;
+  /// The paths of the files with that hash, in order.
   std::vector<std::string> find(std::uint64_t hash) const;
+  std::set<std::string> paths() const;
   std::size_t files() const { return files_.size(); }
   std::uint64_t bytes() const { return bytes_; }
 
  private:
-  void _forget(std::string const& path, File const& file);
+  using Files = std::map<std::string, File>;
+  Files::iterator _erase(Files::iterator file);
 
-  std::unordered_map<std::string, File> files_;
-  std::unordered_multimap<std::uint64_t, std::string> byHash_;
+  Files files_;
+  std::set<std::pair<std::uint64_t, std::string>> byHash_;
   std::uint64_t bytes_ = 0;
 };
 

@@ -7,7 +7,9 @@ namespace Indexer {
 struct Options {
   std::string directory = "/usr/include";
   std::string socketPath;  // empty: a path of this process's own below the temporary directory
-  bool stay = false;       // go on serving queries when the index is done
+  std::string hash = "fnv1a";
+  std::string counters;  // under which name to publish counters; empty: none
+  bool stay = false;     // go on serving queries and following changes when the index is done
   bool help = false;
 };
 

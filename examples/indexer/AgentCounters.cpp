@@ -1,0 +1,30 @@
+#include "AgentCounters.h"
+
+namespace Indexer {
+
+AgentCounters::AgentCounters(std::string const& name)
+    : files_(&unpublished_.files),
+      bytes_(&unpublished_.bytes),
+      queries_(&unpublished_.queries),
+      errors_(&unpublished_.errors) {
+  if (name.empty()) return;
+  facade_.emplace(name.c_str());
+  // A null fallback asks whether the plugin is there: with it, a file of our own would only show
+  // zeros beside the counters that count.
+  if (facade_->counter("files", nullptr) != nullptr) {
+    place_ = "PulseCountersPlugin, counter set " + name;
+  } else {
+    blocks_.emplace(name, std::vector<char const*>{"files", "bytes", "queries", "errors"});
+    place_ = blocks_->logPath();
+  }
+  files_ = _counter("files");
+  bytes_ = _counter("bytes");
+  queries_ = _counter("queries");
+  errors_ = _counter("errors");
+}
+
+Veltro::BlockCounter AgentCounters::_counter(char const* key) {
+  return Veltro::BlockCounter(facade_->counter(key, blocks_ ? blocks_->counter(key) : nullptr));
+}
+
+}  // namespace Indexer
