@@ -13,7 +13,7 @@ namespace Indexer {
 /// In /var/shmem/shmem/counters/indexer, three files of the NAME that the command line gives:
 ///
 ///     NAME      the counters, a block each (Veltro/ShmemMan.h, Veltro/BlockCounter.h)
-///     NAME.log  which key has which block, an attribute log; `veltro-counters NAME.log` lists them
+///     NAME.log  which key has which block, an attribute log; `veltro counters NAME.log` lists them
 ///     NAME.pid  whose they are; a second agent of that name is refused
 ///
 /// A start, in this order, so that it may be killed at any point of it:

@@ -31,7 +31,7 @@ char const* usage() {
          "                 there is a plugin libIndexerHash-NAME.so\n"
          "  --counters NAME  publish counters of that name: "
          "/var/shmem/shmem/counters/indexer/NAME\n"
-         "                 and NAME.log beside it, for veltro-counters; otherwise nothing is\n"
+         "                 and NAME.log beside it, for `veltro counters`; otherwise nothing is\n"
          "                 published\n"
          "  --help         this text\n"
          "\n"
