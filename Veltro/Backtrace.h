@@ -8,6 +8,7 @@ namespace Veltro {
 /// Up to 100 return addresses of one thread's stack, innermost first. A value.
 class VELTRO_API Backtrace final {
  public:
+  /// Deeper stacks are cut.
   static constexpr unsigned kMaxFrames = 100;
 
   /// The calling thread's stack if `capture`, else none.
@@ -21,6 +22,7 @@ class VELTRO_API Backtrace final {
   /// "No backtrace available". Looks symbols up, so it is slow.
   std::string pretty() const;
 
+  /// Frames held, innermost first, and the return address of each; `index` is below count().
   unsigned count() const { return count_; }
   void* address(unsigned index) const { return addresses_[index]; }
 

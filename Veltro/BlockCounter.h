@@ -32,14 +32,15 @@ class VELTRO_API BlockCounter final {
   /// A counter by its own address, as Counters::counter() returns it; the same condition.
   explicit BlockCounter(U64* counter);
 
+  /// One load, one store, and one of each.
   U64 value() const { return __atomic_load_n(counter_, __ATOMIC_RELAXED); }
   void valueIs(U64 value) { __atomic_store_n(counter_, value, __ATOMIC_RELAXED); }
   void inc(U64 by = 1) { valueIs(value() + by); }
 
   /// A counter with the generation that it belongs to.
   struct Sample {
-    U32 genId;
-    U64 value;
+    U32 genId;  ///< never 0
+    U64 value;  ///< of the counter, in that generation
   };
   /// Reads a block of another process. Nothing while it is being restarted, or before its first
   /// start: ask again.

@@ -26,8 +26,10 @@ class VELTRO_API ConstStringRef {
   /// The interned entry.
   class VELTRO_API Elem {
    public:
+    /// For the cache: an element that nobody refers to yet.
     Elem(ConstStringCache* cache, std::string const& text) : cache_(cache), string_(text) {}
 
+    /// The text, and how many references hold it.
     std::string const& string() const { return string_; }
     U32 refCount() const { return refCount_; }
     void refCountInc() const { ++refCount_; }
@@ -50,6 +52,7 @@ class VELTRO_API ConstStringRef {
   };
 
   ConstStringRef() = default;
+  /// Each copy holds a reference; a moved-from one holds none.
   explicit ConstStringRef(Elem const& elem) : elem_(&elem) { elem.refCountInc(); }
   ConstStringRef(ConstStringRef const& other) : elem_(other.elem_) {
     if (elem_) elem_->refCountInc();
@@ -80,6 +83,7 @@ class VELTRO_API ConstStringRef {
     elem_ = nullptr;
   }
 
+  /// False when it refers to nothing.
   explicit operator bool() const { return elem_ != nullptr; }
   /// The text; the empty string for null. Valid for as long as any handle on the entry is.
   std::string const& string() const { return elem_ ? elem_->string() : _emptyString(); }

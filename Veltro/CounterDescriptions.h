@@ -11,6 +11,7 @@ struct CounterDescription {
   std::string kind;  ///< "counter": only grows within a generation; "gauge": goes up and down
   std::string unit;  ///< of one step: "bytes", "files"; "" when it has none
   std::string help;  ///< one sentence
+  /// True when nothing is said about the counter.
   bool empty() const { return kind.empty(); }
 };
 

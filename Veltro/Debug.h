@@ -16,16 +16,19 @@ namespace Veltro {
 /// A trace statement tests the mask and, when its bit is on, composes a record and dumps it.
 class VELTRO_API Platform::DebugHandler {
  public:
+  /// A handler whose levels are all off until a derived class supplies a live mask.
   explicit DebugHandler(std::string const& name) : levelsEnabled_(&ownLevels_), name_(name) {}
   virtual ~DebugHandler() = default;
   DebugHandler(DebugHandler const&) = delete;
   DebugHandler& operator=(DebugHandler const&) = delete;
 
+  /// Switches one level, 0 to 31.
   virtual void enabledIs(unsigned level, bool on) = 0;
   /// Emits the text of `stream` as one record. File and function may be null.
   virtual void dump(DebugStream& stream, unsigned level, char const* file, int line,
                     char const* function) = 0;
 
+  /// The trace category.
   std::string const& name() const { return name_; }
   /// One load and one test. Relaxed: another thread may switch levels meanwhile.
   bool levelEnabled(unsigned level) const {
@@ -34,6 +37,7 @@ class VELTRO_API Platform::DebugHandler {
 
   U32 const ownLevels_ = 0;   // all off: where levelsEnabled_ points with no live mask
   U32 const* levelsEnabled_;  // read by every trace statement
+  /// The trace category.
   std::string const name_;
 };
 
@@ -78,12 +82,14 @@ class DebugHolder {
 /// owns its handler gets a handler of its own with the same name.
 class VELTRO_API Debuggable {
  public:
+  /// Borrows a handler, or makes and owns one of that name.
   explicit Debuggable(Platform::DebugHandler& handler) : handler_(handler) {}
   explicit Debuggable(std::string const& name) : handler_(name) {}
   Debuggable(Debuggable const&) = default;
   Debuggable& operator=(Debuggable const&) = default;
   virtual ~Debuggable() = default;
 
+  /// The handler to trace to.
   Platform::DebugHandler& debugHandler() const { return handler_.handler(); }
 
  private:
@@ -93,12 +99,14 @@ class VELTRO_API Debuggable {
 /// The same under another name, for classes that have a Debuggable base already.
 class VELTRO_API DebugSupport {
  public:
+  /// Borrows a handler, or makes and owns one of that name.
   explicit DebugSupport(Platform::DebugHandler& handler) : handler_(handler) {}
   explicit DebugSupport(std::string const& name) : handler_(name) {}
   DebugSupport(DebugSupport const&) = default;
   DebugSupport& operator=(DebugSupport const&) = default;
   virtual ~DebugSupport() = default;
 
+  /// The handler to trace to.
   Platform::DebugHandler& debugHandler() const { return handler_.handler(); }
 
  private:

@@ -24,6 +24,7 @@ class VELTRO_API DirNode final {
   /// and when not open. It stays valid until the next call on this object.
   dirent* readEntry() const;
 
+  /// As it was given.
   std::string const& path() const { return path_; }
 
  private:

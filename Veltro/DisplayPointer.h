@@ -15,7 +15,9 @@ namespace Veltro {
 /// Never dereferences the pointer.
 class VELTRO_API DisplayPointer {
  public:
+  /// Any address, null too; it is never dereferenced.
   explicit constexpr DisplayPointer(void const* pointer) : pointer_(pointer) {}
+  /// As printed.
   std::string toString() const;
 
  private:
@@ -36,9 +38,12 @@ VELTRO_API std::ostream& operator<<(std::ostream& os, std::chrono::nanoseconds c
 /// or is now, "2000ms ago" when it has passed.
 class VELTRO_API DisplayTaskTimeStamp {
  public:
+  /// Of the clock that all scheduling is measured on.
   using TimePoint = std::chrono::steady_clock::time_point;
+  /// Shows `stamp` and how long before `reference` it was.
   constexpr DisplayTaskTimeStamp(TimePoint reference, TimePoint stamp)
       : reference_(reference), stamp_(stamp) {}
+  /// The two that it was made from.
   TimePoint reference() const { return reference_; }
   TimePoint stamp() const { return stamp_; }
 

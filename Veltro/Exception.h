@@ -15,12 +15,15 @@ namespace Veltro {
 /// first call and kept; sharing one exception object between threads needs a first call first.
 class VELTRO_API Exception : public std::exception {
  public:
+  /// Takes the caller's backtrace if wanted.
   Exception(std::string const& message, bool wantBacktrace);
   ~Exception() override;
+  /// The message, with the backtrace behind it; made at the first call, valid while this lives.
   char const* what() const noexcept override;
   /// The class's own name, with its namespace.
   virtual char const* name() const;
 
+  /// The message alone, and the backtrace, which is empty if it was not wanted.
   std::string const& message() const { return message_; }
   Backtrace const& backtrace() const { return backtrace_; }
 

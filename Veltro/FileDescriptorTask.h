@@ -38,6 +38,7 @@ class VELTRO_API FileDescriptorTask : public _TaskBase {
   int taskWatchFd() const;
   /// Watches `fd` from now on, with the interests as they are.
   void taskWatchFdIs(int fd);
+  /// Forgets the descriptor.
   void taskWatchFdDel();
   /// Drops what the loop watches, not the interests: they are taken up by the next
   /// taskWatchFdIs(), but switching one on that is on already does nothing.
@@ -56,9 +57,12 @@ class VELTRO_API FileDescriptorTask : public _TaskBase {
   /// Queues the sub-task as if the descriptor were ready.
   void scheduleTaskReadable();
   void scheduleTaskWritable();
+  /// Whether that sub-task is queued.
   bool taskScheduledReadable() const;
   bool taskScheduledWritable() const;
 
+  /// Work done, by direction: as taskWorkCountInc() and TaskImpl's figures; 0 while the direction's
+  /// task does not exist.
   void taskWorkCountReadableInc(U64 n);
   void taskWorkCountWritableInc(U64 n);
   U64 taskWorkCountReadableTotal() const;

@@ -38,6 +38,7 @@ class VELTRO_API InotifyWatcher final : public Kiv::Entity {
   class VELTRO_API Notifiee : public Kiv::NotifieeOf<InotifyWatcher> {
    public:
     using NotifieeOf::NotifieeOf;
+    /// The attribute of that name has changed.
     virtual void onEventCount() {}
     virtual void onInitialized() {}
     virtual void onInotifyWatcherHelper() {}
@@ -47,6 +48,7 @@ class VELTRO_API InotifyWatcher final : public Kiv::Entity {
   /// InvalidInitializeException.
   InotifyWatcher(Kiv::String path, U32 mask);
 
+  /// What is watched, and for which IN_ bits.
   Kiv::String path() const { return path_(); }
   U32 mask() const { return mask_(); }
   /// The name that came with the last event: of the entry of a watched directory, else "".
@@ -59,7 +61,7 @@ class VELTRO_API InotifyWatcher final : public Kiv::Entity {
   U32 eventCount() const { return eventCount_(); }
   bool initialized() const { return initialized_(); }
 
-  // What the helper does for each event, in this order.
+  /// What the helper does for each event, in this order; the count notifies.
   void eventIs(Kiv::String event) { event_.is(event); }
   void eventMaskIs(U32 mask) { eventMask_.is(mask); }
   /// Adds, notifies when that changed the count, and returns it.
@@ -93,12 +95,15 @@ VELTRO_API Kiv::Ptr<InotifyWatcher> inotifyWatcherFactory(Kiv::String path, U32 
 class VELTRO_API Watcher final {
  public:
   Watcher() = default;
+  /// A class name and IN_ bits.
   Watcher(Kiv::String type, U32 mask) : type_(type), mask_(mask) {}
   /// Reads text() back; anything else throws Kiv::RangeException.
   explicit Watcher(Kiv::String const& form);
 
+  /// The class of the watching object.
   Kiv::String const& type() const { return type_; }
   void typeIs(Kiv::String const& type) { type_ = type; }
+  /// The IN_ bits that it asked for.
   U32 mask() const { return mask_; }
   void maskIs(U32 mask) { mask_ = mask; }
 
@@ -119,6 +124,7 @@ class VELTRO_API Watcher final {
 class VELTRO_API WatchDescriptor final {
  public:
   WatchDescriptor() = default;
+  /// A path and the kernel's number for it, without watchers.
   WatchDescriptor(Kiv::String name, Kiv::S32 wd) : name_(name), wd_(wd) {}
   /// Ends the process: what holds a collection is not read back.
   explicit WatchDescriptor(Kiv::String const& form);
@@ -132,6 +138,7 @@ class VELTRO_API WatchDescriptor final {
 
   /// The key's watcher, or an empty one where there is none.
   Watcher watcher(U32 key) const;
+  /// All of them, by key.
   std::map<U32, Watcher> const& watchers() const { return watchers_; }
   /// Adds; a key that is in use throws Kiv::RangeException.
   void newWatcher(U32 key, Watcher const& watcher);
@@ -139,6 +146,7 @@ class VELTRO_API WatchDescriptor final {
   void watcherIs(U32 key, Watcher const& watcher);
   /// Removes, and returns what was there; an empty one if nothing was.
   Watcher watcherDel(U32 key);
+  /// Removes all of them.
   void watcherDelAll() { watchers_.clear(); }
 
   /// No path, number 0, no watchers: what a number that is not in use gives.
@@ -170,7 +178,9 @@ class VELTRO_API InotifyMgr final : public Kiv::Entity {
   /// Watches may come and go meanwhile; one that has gone under the iterator reads as empty.
   class VELTRO_API DescriptorIteratorConst final {
    public:
+    /// False behind the last one.
     explicit operator bool() const { return valid_; }
+    /// On to the next number in use.
     DescriptorIteratorConst& operator++();
     /// The number it stands at.
     Kiv::S32 key() const { return wd_; }

@@ -20,6 +20,7 @@ class BookmarkListLinkNode : public ListLinkNode {
 template <class T, class Node, Node T::*ptrToLinkNode>
 class BookmarkList final : public ListImpl {
  public:
+  /// What is linked.
   using Element = T;
   class Bookmark;
 
@@ -39,11 +40,13 @@ class BookmarkList final : public ListImpl {
     ListLinkNode const* const node = _elementBehind(*this, _end());
     return node == _end() ? nullptr : _element(node);
   }
+  /// Whether there is no element.
   bool empty() const { return front() == nullptr; }
 
   ListIterator<BookmarkList> begin() const { return {*this, _elementBehind(*this, _end())}; }
   ListIterator<BookmarkList> end() const { return {*this, _end()}; }
 
+  /// Whether the node is a walk's place and no element.
   bool isBookmark(ListLinkNode const& node) const override {
     return static_cast<Node const&>(node).bookmark_;
   }
@@ -62,6 +65,7 @@ class BookmarkList final : public ListImpl {
 template <class T, class Node, Node T::*ptrToLinkNode>
 class BookmarkList<T, Node, ptrToLinkNode>::Bookmark final {
  public:
+  /// Stands nowhere until begin(); must go before the list.
   explicit Bookmark(BookmarkList& list) : list_(list) {}
   Bookmark(Bookmark const&) = delete;
   Bookmark& operator=(Bookmark const&) = delete;
@@ -72,6 +76,7 @@ class BookmarkList<T, Node, ptrToLinkNode>::Bookmark final {
     end();
     Ring::link_after(const_cast<ListLinkNode*>(list_._end()), &node_);
   }
+  /// Whether a walk is under way.
   bool walking() const { return node_.isLinked(); }
   /// The next element; null, and the walk has ended, when there is none. Only while walking.
   T* next() {
@@ -81,6 +86,7 @@ class BookmarkList<T, Node, ptrToLinkNode>::Bookmark final {
     Ring::link_after(const_cast<ListLinkNode*>(node), &node_);
     return _element(node);
   }
+  /// Ends the walk, if any.
   void end() {
     if (node_.isLinked()) _unlink(node_);
   }

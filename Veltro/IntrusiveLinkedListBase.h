@@ -14,6 +14,7 @@ class ListLinkNode {
   ListLinkNode(ListLinkNode const&) = delete;
   ListLinkNode& operator=(ListLinkNode const&) = delete;
 
+  /// Whether it is in a list.
   bool isLinked() const { return next_ != nullptr; }
 
  private:
@@ -79,6 +80,7 @@ class VELTRO_API ListImpl {
 template <class ListT>
 class ListIterator {
  public:
+  /// For the list's begin() and end().
   ListIterator(ListT const& list, ListLinkNode const* node) : list_(&list), node_(node) {}
   typename ListT::Element& operator*() const { return *ListT::_element(node_); }
   ListIterator& operator++() {
@@ -96,6 +98,7 @@ class ListIterator {
 template <class T, class Node, Node T::*ptrToLinkNode>
 class List final : public ListImpl {
  public:
+  /// What is linked.
   using Element = T;
 
   /// The element must not be linked; throws AssertException if it is.
@@ -114,11 +117,13 @@ class List final : public ListImpl {
     ListLinkNode const* const node = _elementBehind(*this, _end());
     return node == _end() ? nullptr : _element(node);
   }
+  /// Whether there is no element.
   bool empty() const { return front() == nullptr; }
 
   ListIterator<List> begin() const { return {*this, _elementBehind(*this, _end())}; }
   ListIterator<List> end() const { return {*this, _end()}; }
 
+  /// False: every node is an element's.
   bool isBookmark(ListLinkNode const& /*node*/) const override { return false; }
 
  private:

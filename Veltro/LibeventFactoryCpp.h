@@ -24,6 +24,7 @@ VELTRO_API void leRegisterBase(event_base* base);
 /// Frees the thread's base, if any. A thread that had one calls this at its end, outside of its
 /// loop; controls that are left are dead from then on, but may still be destroyed.
 VELTRO_API void leFree();
+/// Whether the calling thread has a base.
 VELTRO_API bool leInitialized();
 
 /// The facade's factories on this back end, whatever the thread.
@@ -54,8 +55,10 @@ VELTRO_API void le_debug_cb(int severity, char const* msg);
 
 struct LibeventThread;  // private to the library
 
+/// A one-shot timer on the thread's base.
 class VELTRO_API LibeventTimerControl : public Platform::TimerControl {
  public:
+  /// Borrows the handler; makes the thread's base if there is none.
   explicit LibeventTimerControl(Platform::TimeoutHandler* handler);
   ~LibeventTimerControl() override;
   LibeventTimerControl(LibeventTimerControl const&) = delete;
@@ -70,6 +73,7 @@ class VELTRO_API LibeventTimerControl : public Platform::TimerControl {
  protected:
   /// During timeout(): where it shows that this object is destroyed. Null outside of it.
   bool const* goneFlag() const { return gone_; }
+  /// Whether timeout() is still to come.
   bool armed() const;
 
  private:
@@ -83,8 +87,10 @@ class VELTRO_API LibeventTimerControl : public Platform::TimerControl {
   bool* gone_ = nullptr;  // set when destroyed inside its own call
 };
 
+/// A watch on one descriptor by the thread's base; reads are on at first.
 class VELTRO_API LibeventFdControl : public Platform::FdControl {
  public:
+  /// Borrows the handler; makes the thread's base if there is none.
   explicit LibeventFdControl(Platform::FdEventHandler* handler);
   ~LibeventFdControl() override;
   LibeventFdControl(LibeventFdControl const&) = delete;
@@ -116,14 +122,17 @@ class VELTRO_API LibeventFdControl : public Platform::FdControl {
   bool* gone_ = nullptr;
 };
 
+/// A callback: a timer of delay 0 on the thread's base.
 class VELTRO_API LibeventCallbackControl final : public Platform::CallbackControl,
                                                  private Platform::TimeoutHandler,
                                                  private LibeventTimerControl {
  public:
+  /// Borrows the handler; makes the thread's base if there is none.
   explicit LibeventCallbackControl(Platform::CallbackHandler* handler);
   void requestCallback() override;
   void cancelCallback() override;
   bool pendingCallback() const override;
+  /// The timer's side of it: calls the handler.
   void timeout() override;
 
  private:

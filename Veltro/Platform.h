@@ -46,7 +46,9 @@ class VELTRO_API Platform {
   class VELTRO_API TimeoutHandler {
    public:
     virtual ~TimeoutHandler() = default;
+    /// The timer has expired; it is disarmed unless armed anew.
     virtual void timeout() = 0;
+    /// True swallows the exception that timeout() has thrown; called while it is being handled.
     virtual bool handleTimeoutException() { return false; }
   };
 
@@ -54,8 +56,10 @@ class VELTRO_API Platform {
   class VELTRO_API FdEventHandler {
    public:
     virtual ~FdEventHandler() = default;
+    /// `fd` is ready and the interest is on. Called again as long as both hold.
     virtual void readFdEvent(int fd) = 0;
     virtual void writeFdEvent(int fd) = 0;
+    /// True swallows the exception that one of the above has thrown.
     virtual bool handleFdException(int /*fd*/) { return false; }
   };
 
@@ -63,7 +67,9 @@ class VELTRO_API Platform {
   class VELTRO_API CallbackHandler {
    public:
     virtual ~CallbackHandler() = default;
+    /// The call that was asked for; asking again from here is for a later one.
     virtual void callback() = 0;
+    /// True swallows the exception that callback() has thrown.
     virtual bool handleCallbackException() { return false; }
   };
 
@@ -74,6 +80,7 @@ class VELTRO_API Platform {
     /// (Re)arms: timeout() is called once, `seconds` from now and never earlier; 0, negative and
     /// not-a-number mean as soon as possible. Positive infinity disarms.
     virtual void setTimeout(double seconds) = 0;
+    /// Disarms.
     virtual void delTimeout() = 0;
     /// Seconds left; 0 when the deadline has passed and timeout() is still to come; positive
     /// infinity when not armed.
@@ -110,10 +117,13 @@ class VELTRO_API Platform {
     virtual ~CallbackControl() = default;
     /// Asks for one call; a second request while one is pending adds none.
     virtual void requestCallback() = 0;
+    /// Drops the request, if there is one.
     virtual void cancelCallback() = 0;
+    /// Whether a call is still to come.
     virtual bool pendingCallback() const = 0;
   };
 
+  /// Controls of the thread's loop. The handler is borrowed.
   static std::shared_ptr<TimerControl> getTimerControl(TimeoutHandler* handler);
   static std::shared_ptr<FdControl> getFdControl(FdEventHandler* handler);
   static std::shared_ptr<CallbackControl> getCallbackControl(CallbackHandler* handler);
@@ -152,11 +162,13 @@ class VELTRO_API Platform {
   static void clearVeltroDebug(char const* spec);
   /// Writes the settings in force to standard output, one a line.
   static void dumpVeltroDebugMap();
+  /// Sets TRACEFORMAT; removes it.
   static void setTraceFormat(char const* format);
   static void clearTraceFormat();
 
   /// Registers handleFork for the children of this process; called once, at load.
   static void setupHandler();
+  /// What happens in the child.
   static void handleFork();
   /// Whether this process is the child of a fork() made after the library was loaded.
   static bool isForkedChild();
@@ -169,6 +181,7 @@ class VELTRO_API Platform {
 /// Gives every thread but the main one a loop of its own, for good. Call it at start-up, before
 /// worker threads ask for anything.
 VELTRO_API void useThreadLocalSingletons();
+/// Whether that has been called.
 VELTRO_API bool hasThreadLocalSingletons();
 
 /// Whether the calling thread is the process's first: its kernel thread id is the process id.

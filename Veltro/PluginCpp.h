@@ -21,6 +21,7 @@ namespace Veltro {
 ///     dlopen that ends the process, for no exception passes through the dynamic linker.
 class VELTRO_API Platform::Plugin {
  public:
+  /// The NAME of libNAME.so; valid as long as the plugin.
   virtual char const* name() = 0;
 
  protected:

@@ -34,6 +34,7 @@ class VELTRO_API RootPathBase : public Kiv::Entity {
   /// `create` the directory is made at once, and one that cannot be made is not valid.
   RootPathBase(Kiv::String root, Kiv::String prefix, Kiv::String dirName, bool create);
 
+  /// The parts of the path, as they were given.
   Kiv::String root() const { return root_(); }
   Kiv::String prefix() const { return prefix_(); }
   Kiv::String dirName() const { return dirName_(); }
@@ -82,6 +83,7 @@ class VELTRO_API RootPathBase : public Kiv::Entity {
 /// The root path used throughout the library: "/var/shmem", prefix "shmem".
 class VELTRO_API RootPath final : public RootPathBase {
  public:
+  /// RootPathBase() below that root and prefix.
   RootPath(Kiv::String dirName, bool create);
 
   Kiv::Model const& model() const override { return table(); }

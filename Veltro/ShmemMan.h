@@ -44,25 +44,31 @@ class VELTRO_API ShmemMan final : public Kiv::Entity {
   class VELTRO_API Notifiee : public Kiv::NotifieeOf<ShmemMan> {
    public:
     using NotifieeOf::NotifieeOf;
+    /// The key was added, given another block, or removed.
     virtual void onCounterKeyToMemBlock(Kiv::String const& /*key*/) {}
     virtual void onInitialized() {}
   };
+  /// Block numbers by key, and the indices of the free queue.
   using Blocks = std::map<Kiv::String, U32>;
   using MemBlocksAvailMetadata = Kiv::Queue<U32>::Metadata;
 
   /// Nothing is mapped or made yet.
   ShmemMan(Kiv::Name name, Kiv::String baseName, U32 maxCounters);
 
+  /// The last part of the file's path.
   Kiv::Name name() const { return name_(); }
   /// The name that a log holds; the root path follows it unless the file is mapped.
   void nameIsFromBackup(Kiv::Name name);
+  /// The directory's name, and how many blocks the file has.
   Kiv::String baseName() const { return baseName_(); }
   U32 maxCounters() const { return maxCounters_(); }
 
+  /// The directory of the file; null without one.
   Kiv::Ptr<RootPath> rootPath() const { return rootPath_(); }
   /// Keeps the root path if it is that one, else makes it. No memory:
   /// Kiv::RangeException("null ValidPtr").
   Kiv::Ptr<RootPath> rootPathIs(Kiv::String dirName, bool create);
+  /// Lets it go.
   void rootPathDel() { rootPath_.is(nullptr); }
   /// The counter file's full path; "" without a root path.
   Kiv::String fileName() const;
@@ -99,14 +105,17 @@ class VELTRO_API ShmemMan final : public Kiv::Entity {
 
   /// The key's block, from 1; 0 when it has none.
   U32 counterKeyToMemBlock(Kiv::String const& key) const { return counterKeyToMemBlock_(key); }
+  /// All of them, by key.
   Blocks const& counterKeyToMemBlock() const { return counterKeyToMemBlock_.all(); }
+  /// Gives the key that block, whoever else may have it.
   void counterKeyToMemBlockIs(Kiv::String const& key, U32 block);
   /// Removes the key and returns its block, 0 if it had none. The block stays out of use: only a
   /// manager that builds its free queue later hands it out again.
   U32 counterKeyToMemBlockDel(Kiv::String const& key) { return counterKeyToMemBlock_.del(key); }
+  /// Removes all keys; their blocks stay out of use.
   void counterKeyToMemBlockDelAll() { counterKeyToMemBlock_.delAll(); }
 
-  // The free blocks, front first: built by the first newCounterBlock(), in ascending order.
+  /// The free blocks, front first: built by the first newCounterBlock(), in ascending order.
   bool memBlocksAvailInitialized() const { return memBlocksAvailInitialized_(); }
   std::size_t memBlocksAvail() const { return memBlocksAvail_.size(); }
   U32 memBlocksAvail(U32 index) const { return memBlocksAvail_(index); }
@@ -116,6 +125,7 @@ class VELTRO_API ShmemMan final : public Kiv::Entity {
   U32 memBlocksAvailEnq(U32 block) { return memBlocksAvail_.enq(block); }
   /// 0 from an empty queue.
   U32 memBlocksAvailDeq() { return memBlocksAvail_.deq(); }
+  /// As of any queue (Kiv/Queue.h).
   void memBlocksAvailIs(U32 index, U32 block) { memBlocksAvail_.is(index, block); }
   U32 memBlocksAvailDel(U32 index) { return memBlocksAvail_.del(index); }
   void memBlocksAvailDelAll() { memBlocksAvail_.delAll(); }

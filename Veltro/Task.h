@@ -24,6 +24,7 @@ class TaskScheduler;
 /// tasks before their thread ends.
 class VELTRO_API _TaskBase : public std::enable_shared_from_this<_TaskBase> {
  public:
+  /// The steady clock's, for all of scheduling.
   using TimePoint = std::chrono::steady_clock::time_point;
   using Nanoseconds = std::chrono::nanoseconds;
 
@@ -44,12 +45,15 @@ class VELTRO_API _TaskBase : public std::enable_shared_from_this<_TaskBase> {
   virtual void handleResetStats();
   virtual ~_TaskBase() noexcept;
 
+  /// Never null, but in a task whose construction fails.
   std::shared_ptr<TaskScheduler> const& taskScheduler() const { return scheduler_; }
+  /// As given at construction; need not be unique.
   std::string const& taskName() const { return taskName_.string(); }
   ConstStringRef const& taskNameRef() const { return taskName_; }
   /// The name under which the statistics of dead tasks are summed up; the task's name unless set.
   std::string const& taskStatsName() const { return taskStatsName_.string(); }
   void taskStatsNameIs(std::string const& name);
+  /// As given at construction.
   TaskPriority taskPriority() const { return taskPriority_; }
   /// taskScheduled() as it was after the last schedule or run.
   bool taskBusy() const { return busy_; }
@@ -62,6 +66,7 @@ class VELTRO_API _TaskBase : public std::enable_shared_from_this<_TaskBase> {
   _TaskBase(std::shared_ptr<TaskScheduler> scheduler, TaskPriority priority,
             std::string const& name);
 
+  /// Calls handleTaskBusy() when that is a change.
   void taskBusyIs(bool busy, TimePoint now) {
     if (busy != busy_) _busyChanged(busy, now);
   }
@@ -102,6 +107,7 @@ class VELTRO_API TaskImpl : public _TaskBase {
   virtual void scheduleTask();
   /// Runs the task now, outside its scheduler's turn.
   virtual void taskRunFromTest();
+  /// What the task is doing, as flags.
   virtual TaskStat::TaskStatus taskStatus() const;
   /// The work of one run. An exception leaves the event loop, which may then be run again.
   virtual void taskExecute() = 0;
@@ -128,18 +134,24 @@ class VELTRO_API TaskImpl : public _TaskBase {
   /// it sets the scheduler's default quantum, whatever was set before.
   bool taskForceYieldInTest() const { return taskForceYieldInTest_; }
   void taskForceYieldInTestIs(bool force);
+  /// Takes the task off the queue and runs it, with its figures.
   void taskRunAndRecordFromTest();
 
+  /// From before taskExecute() until after it.
   bool taskCurrentlyRunning() const { return taskCurrentlyRunning_; }
   /// Wraps to 0 after 2^32 runs.
   unsigned taskRunCount() const { return taskRunCount_; }
+  /// Of the reported work: all of it, and the average of a report.
   U64 taskWorkCountTotal() const { return workCountTotal_; }
   float taskWorkCountDecayAvg() const { return workCountDecayAvg_; }
   /// 4294967295 before the first sample.
   U32 taskWorkCountHighWaterMark() const { return workCountHighWaterMark_; }
+  /// As last reported.
   U32 taskWorkPending() const { return workPending_; }
+  /// The most that was reported waiting.
   U32 taskWorkPendingHighWaterMark() const { return workPendingHighWaterMark_; }
 
+  /// The figures at this moment.
   TaskStat getStats() const;
   /// Clears the figures, then calls handleResetStats(). Quantum and test flags stay.
   void resetStats();
@@ -147,9 +159,11 @@ class VELTRO_API TaskImpl : public _TaskBase {
  protected:
   /// Who registers the new task: its scheduler's virtual taskRegister(), or the creator later.
   enum class Registration { byScheduler, byCreator };
+  /// For derived classes.
   TaskImpl(std::shared_ptr<TaskScheduler> scheduler, TaskPriority priority, std::string const& name,
            Registration registration = Registration::byScheduler);
 
+  /// unscheduleTask() without the thread check, by a time already taken.
   void unscheduleTaskPrivate(TimePoint now);
 
  private:
@@ -213,6 +227,7 @@ class VELTRO_API Task : public TaskImpl {
   TaskStat::TaskStatus taskStatus() const override;
 
  protected:
+  /// For derived classes that register later.
   Task(std::shared_ptr<TaskScheduler> scheduler, TaskPriority priority, std::string const& name,
        Registration registration);
 };

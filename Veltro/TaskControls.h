@@ -23,6 +23,7 @@ namespace Veltro {
 class VELTRO_API Platform::TaskTimerControl final : public TimerTask,
                                                     public Platform::TimerControl {
  public:
+  /// Borrows the handler, keeps the scheduler.
   TaskTimerControl(TimeoutHandler* handler, std::shared_ptr<TaskScheduler> scheduler,
                    TaskPriority priority, std::string const& name);
   ~TaskTimerControl() override;
@@ -45,6 +46,7 @@ class VELTRO_API Platform::TaskTimerControl final : public TimerTask,
 class VELTRO_API Platform::TaskCallbackControl final : public Task,
                                                        public Platform::CallbackControl {
  public:
+  /// Borrows the handler, keeps the scheduler.
   TaskCallbackControl(CallbackHandler* handler, std::shared_ptr<TaskScheduler> scheduler,
                       TaskPriority priority, std::string const& name);
   ~TaskCallbackControl() override;
@@ -64,6 +66,7 @@ class VELTRO_API Platform::TaskCallbackControl final : public Task,
 class VELTRO_API Platform::TaskFdControl final : public FileDescriptorTask,
                                                  public Platform::FdControl {
  public:
+  /// Borrows the handler, keeps the scheduler.
   TaskFdControl(FdEventHandler* handler, std::shared_ptr<TaskScheduler> scheduler,
                 TaskPriority priority, std::string const& name);
   ~TaskFdControl() override;

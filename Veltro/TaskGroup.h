@@ -33,10 +33,12 @@ class VELTRO_API TaskGroup : public TaskScheduler {
   /// Of the parent task: the longest time that the group takes from its parent in one turn.
   Nanoseconds taskGroupQuantum() const;
   void taskGroupQuantumIs(Nanoseconds quantum);
+  /// Of the parent task: one group task a turn.
   bool taskGroupForceYieldInTest() const;
   void taskGroupForceYieldInTestIs(bool force);
   /// Turns, not runs of group tasks.
   unsigned parentTaskRunCount() const;
+  /// Whether the group is queued in its parent.
   bool parentTaskScheduled() const;
 
  private:

@@ -10,6 +10,7 @@ namespace Veltro {
 /// How urgent a task is: lower values run first. One byte, a value.
 class VELTRO_API TaskPriority {
  public:
+  /// The priorities, most urgent first.
   enum Value : std::uint8_t {
     absolute,  ///< before everything, whatever waits
     high,      ///< before normal and low, which still get a weighted share
@@ -19,11 +20,13 @@ class VELTRO_API TaskPriority {
     oneBeyondLast,  ///< bounds loops; no task has it
   };
 
+  /// Implicit: a Value is a priority.
   constexpr TaskPriority(Value value) : value_(value) {}
   /// Any number is taken, so that a wrong one can be shown; what a byte cannot hold becomes 255.
   explicit constexpr TaskPriority(unsigned number)
       : value_(static_cast<Value>(number > 0xff ? 0xff : number)) {}
 
+  /// For switches and tables.
   constexpr Value value() const { return value_; }
 
   /// "absolute", "high", "normal", "low", "scavenge", "oneBeyondLast"; asserts on other values.

@@ -35,6 +35,7 @@ class TaskSchedulerRoot;
 /// Scheduling, picking and recording allocate nothing and make no system call.
 class VELTRO_API TaskScheduler : public std::enable_shared_from_this<TaskScheduler> {
  public:
+  /// Those of its tasks.
   using TimePoint = _TaskBase::TimePoint;
   using Nanoseconds = _TaskBase::Nanoseconds;
 
@@ -54,10 +55,13 @@ class VELTRO_API TaskScheduler : public std::enable_shared_from_this<TaskSchedul
   virtual void taskRegister(TaskImpl* task);
   virtual ~TaskScheduler() noexcept;
 
+  /// Called by a task under destruction; adds its figures to those of the dead.
   void taskUnregister(TaskImpl* task);
 
+  /// As given at construction.
   std::string const& schedulerName() const { return name_.string(); }
   ConstStringRef const& schedulerNameRef() const { return name_; }
+  /// The thread's root, and the history that all its schedulers share.
   TaskSchedulerRoot& schedulerRoot() const { return *root_; }
   std::shared_ptr<TaskSchedulerHistory> const& schedulerHistory() const { return history_; }
 
@@ -75,6 +79,7 @@ class VELTRO_API TaskScheduler : public std::enable_shared_from_this<TaskSchedul
   U64 runnableTaskCount(TaskPriority priority) const;
   /// Tasks taken off the queue since the statistics were cleared.
   U64 runTaskCount(TaskPriority priority) const;
+  /// Tasks that live, tasks that died, and all that live.
   unsigned tasksPerPriority(TaskPriority priority) const;
   unsigned deadTasksPerPriority(TaskPriority priority) const;
   unsigned registeredTaskCount() const;
@@ -86,6 +91,7 @@ class VELTRO_API TaskScheduler : public std::enable_shared_from_this<TaskSchedul
   unsigned getTaskStats(std::vector<TaskStat>* stats, bool includeIdle) const;
   /// The same of the tasks that died, one record a name.
   unsigned getDeadTaskStats(std::vector<TaskStat>* stats, bool includeIdle) const;
+  /// The counts by priority.
   TaskSchedulerQueueStats queueStats() const;
   /// Clears all figures at once.
   void clearStats();
@@ -98,19 +104,25 @@ class VELTRO_API TaskScheduler : public std::enable_shared_from_this<TaskSchedul
   TaskScheduler(std::string const& name, TaskSchedulerRoot* root,
                 std::shared_ptr<TaskSchedulerHistory> history);
 
+  /// Records the change and asks for a run when there is something to run now.
   void schedulerHasRunnableTasksIs(bool runnable, TimePoint now) {
     if (runnable != hasRunnableTasks_) _hasRunnableTasksChanged(runnable, now);
   }
+  /// Also keeps when, for the slip.
   void requestSchedulerRunAndRecord(TimePoint now) {
     runRequestedAt_ = now;
     requestSchedulerRun();
   }
+  /// Measures the slip of the run that begins.
   void checkSchedulerLatency();
   /// Takes a task of priority `from` or lower off its queue; null when there is none.
   TaskImpl* pickOneTask(TimePoint now, TaskPriority from);
+  /// Whether a lower priority has its turn now, by the rule above.
   bool attemptLowerPriorityBump(TaskPriority priority, U32 consecutivePicks) const;
+  /// Takes a queued task off its queue.
   void taskSchedulerUnlinkTask(TimePoint now, TaskImpl& task);
 
+  /// Steps of the counts and of the dead tasks' figures.
   void tasksPerPriorityInc(TaskPriority priority);
   void tasksPerPriorityDec(TaskPriority priority);
   void deadTasksPerPriorityInc(TaskPriority priority);
@@ -118,6 +130,7 @@ class VELTRO_API TaskScheduler : public std::enable_shared_from_this<TaskSchedul
   void updateDeadTaskStats(TaskImpl* task);
   void clearStatsCommon();
 
+  /// Whether force-yield-in-test is on in any task.
   bool anyTaskForcesYield() const { return !forceYieldTasks_.empty(); }
   /// Ends a walk and destroys the reset task. An owner's destructor must call it while the root
   /// lives and its own virtuals are still there.

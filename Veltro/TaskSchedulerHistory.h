@@ -47,11 +47,15 @@ enum class TaskSchedulerEventType : std::uint8_t {
 /// destructor asserts that (and may throw, where its owner lets it).
 class VELTRO_API TaskSchedulerHistory {
  public:
+  /// The steady clock's.
   using TimePoint = std::chrono::steady_clock::time_point;
+  /// Events kept at most.
   static constexpr std::size_t kCapacity = 10000;
 
+  /// One event: what, when, to whom.
   class VELTRO_API Event {
    public:
+    /// The subject is the name of a task or of a scheduler.
     TaskSchedulerEventType type() const { return type_; }
     TimePoint time() const { return time_; }
     ConstStringRef const& subject() const { return subject_; }

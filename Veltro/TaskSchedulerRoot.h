@@ -57,11 +57,13 @@ class VELTRO_API TaskSchedulerRoot : public TaskScheduler {
   /// no more than that left is kept: false.
   virtual bool timerStart(TimerTask& task, double seconds, bool restart) = 0;
   virtual bool timerStart(TimerTask& task, Nanoseconds delay, bool restart) = 0;
+  /// Disarms.
   virtual void timerStop(TimerTask& task) = 0;
   /// Seconds left, positive infinity when not armed.
   virtual double timerRemaining(TimerTask const& task) const = 0;
   /// The largest time point when not armed.
   virtual TimePoint timerExpiry(TimerTask const& task) const = 0;
+  /// What a descriptor task asks of its thread's loop; see FileDescriptorTask.
   virtual void fileDescriptorTaskWatchReadableIs(FileDescriptorTask& task, bool on) = 0;
   virtual void fileDescriptorTaskWatchWritableIs(FileDescriptorTask& task, bool on) = 0;
   virtual int fileDescriptorTaskFd(FileDescriptorTask const& task) const = 0;
@@ -72,10 +74,12 @@ class VELTRO_API TaskSchedulerRoot : public TaskScheduler {
   /// The schedulers of this thread; this one among them.
   void registerScheduler(TaskScheduler* scheduler);
   void unregisterScheduler(TaskScheduler* scheduler);
+  /// Of all schedulers of this thread.
   unsigned taskGroupCount() const;
   unsigned totalRegisteredTaskCount() const;
   TaskSchedulerQueueStats queueStatsRoot() const;
 
+  /// As given at construction.
   Nanoseconds minimumTimerDelay() const { return minimumTimerDelay_; }
 
   /// Suspends all schedulers of the thread: tasks stay queued and none runs. Resuming asks for a
@@ -83,6 +87,7 @@ class VELTRO_API TaskSchedulerRoot : public TaskScheduler {
   bool suspended() const { return suspended_; }
   void suspendedIs(bool suspended);
 
+  /// Switches off the thread check, for good or for a while. The caller answers for what follows.
   bool threadSanityDisabled() const { return threadSanityDisabled_; }
   void threadSanityDisabledIs(bool disabled);
   /// Throws AssertException on any thread but the owner. Passes when disabled, while
@@ -90,11 +95,13 @@ class VELTRO_API TaskSchedulerRoot : public TaskScheduler {
   void sanityCheckCurrentRunningThread() const {
     if (pthread_equal(pthread_self(), ownerThread_) == 0) _checkOtherThread();
   }
+  /// The kernel's name of the calling thread; empty when it has none to tell.
   static std::string currentThreadName();
 
   /// The newest `n` events, newest first; see TaskSchedulerHistory.
   void printHistory(std::ostream& stream, unsigned n) const;
   void printHistoryStdErr() const;
+  /// Forgets all events.
   void clearHistory();
 
   /// A random number from 0 to 100: the jitter of the thread's timers.

@@ -18,6 +18,7 @@ class TaskImpl;
 /// Tells a task from others of its name. An address only: it may be that of a task long gone.
 class VELTRO_API TaskKey {
  public:
+  /// Of any address, null too.
   explicit constexpr TaskKey(void const* task) : task_(task) {}
   /// The address in parentheses: "(0x5655a1b0)", "(NULL)".
   std::string toStrep() const;
@@ -36,7 +37,9 @@ class VELTRO_API TaskKey {
 /// says that nothing was ever reported; real marks stop one below it.
 class VELTRO_API TaskStat {
  public:
+  /// All times are kept so.
   using Duration = std::chrono::nanoseconds;
+  /// A high-water mark before its first sample.
   static constexpr U32 kNoSample = 0xffffffff;
 
   /// What the task was doing: one byte of flags.
@@ -44,6 +47,7 @@ class VELTRO_API TaskStat {
    public:
     constexpr TaskStatus() = default;
 
+    /// The flags by their bits, on which the named ones below stand.
     constexpr bool bitmaskHasBitSet(std::uint8_t mask) const { return (bits_ & mask) != 0; }
     constexpr void bitmaskSetBit(std::uint8_t mask, bool on) {
       bits_ = static_cast<std::uint8_t>(on ? bits_ | mask : bits_ & ~mask);
@@ -58,8 +62,10 @@ class VELTRO_API TaskStat {
     /// It is runnable.
     constexpr bool taskOnRunQueue() const { return bitmaskHasBitSet(kOnRunQueue); }
     constexpr void taskOnRunQueueIs(bool on) { bitmaskSetBit(kOnRunQueue, on); }
+    /// It is inside its taskExecute().
     constexpr bool taskCurrentlyRunning() const { return bitmaskHasBitSet(kCurrentlyRunning); }
     constexpr void taskCurrentlyRunningIs(bool on) { bitmaskSetBit(kCurrentlyRunning, on); }
+    /// It is suspended for test.
     constexpr bool taskSuspendedForTest() const { return bitmaskHasBitSet(kSuspendedForTest); }
     constexpr void taskSuspendedForTestIs(bool on) { bitmaskSetBit(kSuspendedForTest, on); }
 
@@ -82,8 +88,10 @@ class VELTRO_API TaskStat {
   void nameIs(std::string const& name) { name_ = name; }
   /// Identity only: never dereference it.
   TaskImpl const* task() const { return task_; }
+  /// The task's.
   TaskPriority taskPriority() const { return taskPriority_; }
 
+  /// Runs, and the time of them all.
   U32 taskRunCount() const { return runCount_; }
   void taskRunInc(unsigned runs) { runCount_ += runs; }
   Duration taskTotalRunTime() const { return totalRunTime_; }
@@ -98,11 +106,13 @@ class VELTRO_API TaskStat {
   /// The units of a report, averaged with weight 1/10 for the newest.
   float taskWorkCountDecayAvg() const { return workCountDecayAvg_; }
   void taskWorkCountDecayAvgIs(float average) { workCountDecayAvg_ = average; }
+  /// The most units of one report.
   U32 taskWorkCountHighWaterMark() const { return workCountHighWaterMark_; }
   void taskWorkCountHighWaterMarkIs(U32 units) { workCountHighWaterMark_ = units; }
   /// Units of work waiting, as last reported.
   U32 taskLastWorkPending() const { return lastWorkPending_; }
   void taskLastWorkPendingIs(U32 units) { lastWorkPending_ = units; }
+  /// The most units that waited.
   U32 taskWorkPendingHighWaterMark() const { return workPendingHighWaterMark_; }
   void taskWorkPendingHighWaterMarkIs(U32 units) { workPendingHighWaterMark_ = units; }
 
@@ -126,6 +136,7 @@ class VELTRO_API TaskStat {
   void taskDeadCountInc(unsigned tasks) { deadCount_ += tasks; }
   void taskDeadCountIs(U32 tasks) { deadCount_ = tasks; }
 
+  /// What the task was doing.
   TaskStatus taskStatus() const { return status_; }
   void taskStatusIs(TaskStatus status) { status_ = status; }
 
@@ -161,6 +172,7 @@ class VELTRO_API TaskStat {
 /// The task counts of one priority.
 class VELTRO_API TaskSchedulerPriorityStats {
  public:
+  /// The counts at one moment.
   TaskSchedulerPriorityStats(TaskPriority priority, U32 runnable, U32 idle, U32 dead, U64 runs)
       : taskPriority_(priority),
         runnableCount_(runnable),
@@ -168,6 +180,7 @@ class VELTRO_API TaskSchedulerPriorityStats {
         deadCount_(dead),
         totalRunCount_(runs) {}
 
+  /// Tasks queued, tasks not queued, tasks that died, and runs of them all.
   TaskPriority taskPriority() const { return taskPriority_; }
   U32 runnableCount() const { return runnableCount_; }
   U32 idleCount() const { return idleCount_; }
@@ -188,8 +201,10 @@ class VELTRO_API TaskSchedulerPriorityStats {
 /// The task counts of a scheduler, or of all schedulers of a thread, by ascending priority value.
 class VELTRO_API TaskSchedulerQueueStats {
  public:
+  /// By priority.
   using PriorityStats = std::map<TaskPriority, TaskSchedulerPriorityStats>;
 
+  /// One entry a priority that has been inserted.
   PriorityStats const& priorityStats() const { return priorityStats_; }
   /// False, and nothing changed, when the priority is there already.
   bool priorityStatsInsert(TaskSchedulerPriorityStats const& stats) {

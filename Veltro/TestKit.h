@@ -37,6 +37,7 @@ namespace Veltro {
 /// throws leaves the operation that ran it; the next one goes on.
 class TestKit final : public TaskSchedulerRoot {
  public:
+  /// More than any test means to run.
   static constexpr unsigned kManyRuns = 1000000;
 
   /// Equal seeds draw equal jitter.

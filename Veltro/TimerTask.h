@@ -54,6 +54,7 @@ class VELTRO_API TimerTask : public TaskImpl {
   void taskRunFromTest() override;
   TaskStat::TaskStatus taskStatus() const override;
 
+  /// Whether the timer is armed.
   bool timerRunning() const { return timerRunning_; }
 
   /// For the root alone: its record of this timer, made in timerCreated() and deleted in

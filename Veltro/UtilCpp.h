@@ -97,6 +97,7 @@ class VELTRO_API Util {
 class VELTRO_API HeapChecker {
  public:
   HeapChecker() = delete;
+  /// The address of the heap checker's operation, null when there is none or HEAPCHECK is not set.
   static void* resolveAllocSym(Platform::DebugHandler& handler);
   static void* resolveFreeSym(Platform::DebugHandler& handler);
 };

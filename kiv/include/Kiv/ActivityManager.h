@@ -59,6 +59,7 @@ class KIV_API Clock::Notifiee : public PtrInterface::NotifieeConst {
     }
   }
 
+  /// The clock that it joined.
   Clock& clock() const { return *clock_; }
 
   /// The time has come. timeMin() is still the deadline while this runs, and becomes infinite
@@ -95,6 +96,7 @@ class KIV_API ActivityManager final {
   /// What the next run shall do.
   class KIV_API Config final {
    public:
+    /// The loop's clock.
     Ptr<Clock> clock() const;
     /// How long the next run may last, in seconds of currentTime(); infinite unless set, and
     /// again after each run. A finite one lasts its time even with nothing else to wait for.
@@ -112,7 +114,9 @@ class KIV_API ActivityManager final {
     Loop& loop_;
   };
 
+  /// The process's one.
   static ActivityManager& instance();
+  /// Its configuration.
   Config& config() { return config_; }
 
  private:

@@ -24,6 +24,7 @@ class Attribute final : private EntityPart {
   Attribute(Entity& owner, void (N::*reaction)(), T initial = T())
       : EntityPart(owner), reaction_(static_cast<Reaction>(reaction)), value_(std::move(initial)) {}
 
+  /// The value.
   T const& operator()() const { return value_; }
 
   /// Sets, and notifies unless the value is the one that was there. The entity may be gone on

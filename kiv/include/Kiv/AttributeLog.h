@@ -19,6 +19,7 @@ namespace Kiv {
 /// before it (64-bit FNV-1a): whoever edits a log by hand leaves it out.
 class KIV_API AttributeLog final {
  public:
+  /// The log of an entity.
   static std::string text(Entity const& entity);
 
   /// Sets what the log holds; an attribute or a collection that it does not name stays as it is.

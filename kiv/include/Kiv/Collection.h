@@ -18,8 +18,10 @@ struct Restoring;
 template <typename K, typename V>
 class Collection final : private EntityPart {
  public:
+  /// In the order of the keys.
   using Map = std::map<K, V>;
 
+  /// A part of `owner`; with a reaction, its notifiees hear of each key that changes.
   explicit Collection(Entity& owner) : EntityPart(owner) {}
   template <typename N>
   Collection(Entity& owner, void (N::*reaction)(K const&))
@@ -30,6 +32,7 @@ class Collection final : private EntityPart {
     auto const at = map_.find(key);
     return at == map_.end() ? V() : at->second;
   }
+  /// Whether the key has a value.
   bool has(K const& key) const { return map_.find(key) != map_.end(); }
   /// All of them; valid until the next change.
   Map const& all() const { return map_; }

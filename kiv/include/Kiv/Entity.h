@@ -42,6 +42,7 @@ class KIV_API Entity : public PtrInterface {
 class KIV_API Entity::Notifiee : public PtrInterface::NotifieeConst {
  protected:
   ~Notifiee() override;
+  /// The entity, of no particular type.
   Entity& _entity() const { return *entity_; }
 
  private:
@@ -70,6 +71,7 @@ class KIV_API EntityPart {
   EntityPart& operator=(EntityPart const&) = delete;
 
  protected:
+  /// A member of `owner`.
   explicit EntityPart(Entity& owner) : owner_(owner) { ++owner.parts_; }
   ~EntityPart() = default;
   /// False when the entity has gone with its notification.

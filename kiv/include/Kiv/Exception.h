@@ -9,8 +9,10 @@ namespace Kiv {
 /// Root of what libkiv and libSegMem throw.
 class KIV_API Exception : public std::exception {
  public:
+  /// what() is the message.
   explicit Exception(std::string message);
   ~Exception() override;
+  /// The message; valid while this lives.
   char const* what() const noexcept override;
 
  private:
@@ -21,6 +23,7 @@ class KIV_API Exception : public std::exception {
 /// result of an allocation.
 class KIV_API RangeException : public Exception {
  public:
+  /// what() is the message.
   using Exception::Exception;
   ~RangeException() override;
 };
@@ -28,6 +31,7 @@ class KIV_API RangeException : public Exception {
 /// A system call's failure. what() reads "<message>: <the system's text> (<the number>)".
 class KIV_API ErrnoException : public Exception {
  public:
+  /// `errnum` is an errno value; what() has its text.
   ErrnoException(std::string const& message, int errnum);
   ~ErrnoException() override;
   /// The errno value, so that callers can tell EMFILE from EPERM.

@@ -17,8 +17,10 @@ class KIV_API FileDescriptor final : public PtrInterface {
  public:
   class Notifiee;
 
+  /// Bound to no descriptor, nothing watched.
   explicit FileDescriptor(Name name);
 
+  /// For display.
   Name name() const { return name_; }
   /// The watched descriptor, -1 when none.
   int descriptor() const { return descriptor_; }
@@ -28,11 +30,13 @@ class KIV_API FileDescriptor final : public PtrInterface {
   /// leaves the entity with none.
   void descriptorIs(int descriptor);
 
+  /// As last set.
   bool nonBlocking() const { return nonBlocking_; }
   /// Puts each descriptor given from now on, and the present one, into non-blocking mode (or
   /// leaves it as it is). A descriptor that refuses throws ErrnoException.
   void nonBlockingIs(bool on);
 
+  /// As last set.
   bool notifyOnReadable() const { return notifyOnReadable_; }
   bool notifyOnWritable() const { return notifyOnWritable_; }
   /// Interests, both off at first. Hang-up and error count as readable and as writable; with

@@ -27,14 +27,17 @@ struct KIV_API Restored {
 /// Made once by ModelOf, never destroyed, read by any thread.
 class KIV_API Model final {
  public:
+  /// What a member is.
   enum class Kind { attribute, collection, queue };
 
+  /// One attribute, collection or queue: its names, whether it may be set, whether the log keeps
+  /// it.
   struct Member {
-    std::string name;
-    std::string type;
-    Kind kind = Kind::attribute;
-    bool writable = false;
-    bool logged = false;
+    std::string name;             ///< as operations and the log use it
+    std::string type;             ///< as Value forms show it
+    Kind kind = Kind::attribute;  ///< what it is
+    bool writable = false;        ///< whether it can be set by name
+    bool logged = false;          ///< whether the attribute log keeps it
 
    private:
     template <typename T>
@@ -46,15 +49,17 @@ class KIV_API Model final {
     std::function<std::unique_ptr<detail::Restored>(void*)> restored_;
   };
 
+  /// One parameter of an operation.
   struct Parameter {
-    std::string name;
-    std::string type;
+    std::string name;  ///< as calls by name give it
+    std::string type;  ///< as Value forms show it
   };
 
+  /// One operation: its name, its result's type, its parameters in order.
   struct Operation {
-    std::string name;
-    std::string result;
-    std::vector<Parameter> parameters;
+    std::string name;                   ///< to call it by
+    std::string result;                 ///< its type, "void" for none
+    std::vector<Parameter> parameters;  ///< in order
 
    private:
     template <typename T>
@@ -63,8 +68,10 @@ class KIV_API Model final {
     std::function<Value(void*, std::vector<Value> const&)> call_;
   };
 
+  /// Parameters by name.
   using Arguments = std::vector<std::pair<std::string, Value>>;
 
+  /// The entity's type, its members and its operations, in the order of declaration.
   std::string const& typeName() const { return typeName_; }
   std::vector<Member> const& members() const { return members_; }
   std::vector<Operation> const& operations() const { return operations_; }
@@ -107,6 +114,7 @@ class KIV_API Reflection final {
   /// An entity that does not have what its table says throws RangeException.
   explicit Reflection(Entity& entity);
 
+  /// The table.
   Model const& model() const { return model_; }
   /// Collections and queues are tables, by key and by index.
   Value attribute(std::string const& name) const;

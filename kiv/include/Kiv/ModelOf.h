@@ -122,6 +122,7 @@ V converted(std::string const& where, Value const& value) {
 template <typename T>
 class ModelOf final {
  public:
+  /// An empty table of that type.
   explicit ModelOf(std::string typeName) : model_(std::move(typeName)) {}
 
   /// The rows of a base class of T, an entity too.

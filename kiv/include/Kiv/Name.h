@@ -15,10 +15,12 @@ class KIV_API Name final {
  public:
   /// The empty name.
   Name();
+  /// The name of that text: equal texts are one name.
   Name(char const* text);
   Name(std::string const& text);
   Name(String const& text) : Name(text.stdString()) {}
 
+  /// The text.
   std::string const& stdString() const { return *text_; }
   String string() const { return String(*text_); }
   bool empty() const { return text_->empty(); }

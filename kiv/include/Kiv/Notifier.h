@@ -26,6 +26,7 @@ class KIV_API Notifier final {
   /// Leaves; one that never joined is no error.
   void notifieeDel(PtrInterface::NotifieeConst& notifiee);
 
+  /// Whether nobody is registered.
   bool empty() const { return notifiees_.empty(); }
   /// Calls each; false when the notifier was destroyed on the way: touch nothing of its owner
   /// then. An exception is offered to the notifiee that threw it. The first one left unanswered

@@ -25,6 +25,7 @@ class KIV_API PtrInterface {
   PtrInterface(PtrInterface const&) = delete;
   PtrInterface& operator=(PtrInterface const&) = delete;
 
+  /// The count, and what Ptr does with it; the last referencesDec() calls onZeroReferences().
   U32 references() const { return references_.load(std::memory_order_relaxed); }
   void referencesInc() const { references_.fetch_add(1, std::memory_order_relaxed); }
   void referencesDec() const;
@@ -59,6 +60,7 @@ template <typename T>
 class Ptr {
  public:
   Ptr() = default;
+  /// Each Ptr to an object holds one reference.
   Ptr(std::nullptr_t) {}
   Ptr(T* object) : object_(object) { _take(); }
   Ptr(Ptr const& other) : object_(other.object_) { _take(); }
@@ -69,11 +71,13 @@ class Ptr {
   }
   ~Ptr() { _release(); }
 
+  /// Lets go of the old object after it has taken the new one.
   Ptr& operator=(Ptr other) noexcept {
     std::swap(object_, other.object_);
     return *this;
   }
 
+  /// The object; null when there is none. Dereferencing null is undefined.
   T* ptr() const { return object_; }
   T& operator*() const { return *object_; }
   T* operator->() const { return object_; }

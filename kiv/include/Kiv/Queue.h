@@ -15,13 +15,16 @@ namespace Kiv {
 template <typename T>
 class Queue final : private EntityPart {
  public:
+  /// Where the queue stands.
   struct Metadata {
     U32 head;  ///< index of the front element; of the next one to come while the queue is empty
     U32 tail;  ///< index given out last, 0 at first
   };
 
+  /// An empty queue, part of `owner`.
   explicit Queue(Entity& owner) : EntityPart(owner) {}
 
+  /// Of the elements that are in it now.
   bool empty() const { return elements_.empty(); }
   std::size_t size() const { return elements_.size(); }
 
@@ -67,8 +70,10 @@ class Queue final : private EntityPart {
     elements_.erase(at);
     return value;
   }
+  /// Removes all elements; the indices go on.
   void delAll() { elements_.clear(); }
 
+  /// As they are now.
   Metadata metadata() const {
     return {elements_.empty() ? tail_ + 1 : elements_.front().first, tail_};
   }

@@ -12,15 +12,18 @@ namespace Kiv {
 class String final {
  public:
   String() = default;
+  /// From and to the standard's.
   String(std::string text) : text_(std::move(text)) {}
   String(char const* text) : text_(text == nullptr ? "" : text) {}
 
+  /// The text; charPtr() ends with a NUL, and is valid until the string changes.
   operator std::string const&() const { return text_; }
   std::string const& stdString() const { return text_; }
   char const* charPtr() const { return text_.c_str(); }
   std::size_t bytes() const { return text_.size(); }
   bool empty() const { return text_.empty(); }
 
+  /// Appends.
   String& operator+=(String const& other) {
     text_ += other.text_;
     return *this;

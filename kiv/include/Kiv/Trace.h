@@ -15,6 +15,7 @@ namespace Kiv {
 /// one statement late.
 class KIV_API TraceFacility final {
  public:
+  /// The category.
   Name name() const { return name_; }
   /// The live level word, valid for ever. Other threads change it with relaxed atomic operations:
   /// read it as `__atomic_load_n(pointer, __ATOMIC_RELAXED)`, which is one plain load.
@@ -34,6 +35,7 @@ class KIV_API TraceHandle {
  public:
   /// `initialLevels` counts only for the first handle of the name; TRACE is applied on top.
   TraceHandle(std::string const& name, U32 initialLevels);
+  /// The one of all handles of that name.
   TraceFacility* facility() const { return facility_; }
 
  private:
@@ -47,9 +49,11 @@ class KIV_API TraceSetting final {
   /// `N`, `N-M` or `*`, all 32 when left out; what follows the last "/" is always the levels.
   /// Malformed text throws RangeException, which names the text and what is wrong with it.
   explicit TraceSetting(std::string const& text);
+  /// Whether it is about that category.
   bool matches(Name name) const;
   /// `levels` with this setting applied.
   U32 applied(U32 levels) const;
+  /// As it was written, trimmed.
   std::string const& text() const { return text_; }
 
  private:
@@ -67,6 +71,7 @@ KIV_API std::ostream& operator<<(std::ostream& os, TraceSetting const& setting);
 /// to guard (setenv is not safe against getenv in another thread).
 class KIV_API TraceFacilityManager final {
  public:
+  /// The process's one; made by the first handle.
   static TraceFacilityManager& instance();
 
   /// Reads TRACE and TRACEFORMAT again: replaces the settings and applies each in order on top

@@ -16,6 +16,7 @@ namespace Kiv {
 /// Neither start nor end touches errno, throws or allocates.
 class KIV_API UmaskGuard final {
  public:
+  /// Waits for the windows of other threads.
   explicit UmaskGuard(unsigned mask = 0) noexcept;
   ~UmaskGuard();
   UmaskGuard(UmaskGuard const&) = delete;

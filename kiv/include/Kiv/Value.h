@@ -30,16 +30,20 @@ class Model;
 /// Strings are bytes; the backslash, the quote and control characters are escaped.
 class KIV_API Value final {
  public:
+  /// A name and a value.
   using Field = std::pair<std::string, Value>;
+  /// A type's name, and its fields in order.
   struct Structure {
-    std::string type;
-    std::vector<Field> fields;
+    std::string type;           ///< its name
+    std::vector<Field> fields;  ///< in order
   };
+  /// Keys and values, in order.
   using Table = std::vector<std::pair<Value, Value>>;
 
   /// None.
   Value() = default;
   Value(double value) : data_(value) {}
+  /// A text.
   Value(char const* value) : data_(String(value).stdString()) {}
   Value(std::string value) : data_(std::move(value)) {}
   Value(String const& value) : data_(value.stdString()) {}
@@ -55,9 +59,11 @@ class KIV_API Value final {
       data_ = U64(value);
     }
   }
+  /// From the two that have parts.
   Value(Structure value);
   Value(Table value);
 
+  /// Whether there is no value.
   bool isNone() const { return data_.index() == 0; }
   /// What it holds, null where it holds something else.
   bool const* boolean() const { return std::get_if<bool>(&data_); }
@@ -68,6 +74,7 @@ class KIV_API Value final {
   Structure const* structure() const { return std::get_if<Structure>(&data_); }
   Table const* table() const { return std::get_if<Table>(&data_); }
 
+  /// The text form, which the parser reads back.
   std::string text() const;
   /// Reads text() back. Anything else throws RangeException, which says what and where.
   static Value parsed(std::string const& text);
@@ -94,6 +101,8 @@ KIV_API void structureIs(Model const& model, void* object, Value const& value);
 /// `static Kiv::Model const& model()` and it is a structure.
 template <typename T, typename = void>
 struct ValueType {
+  /// The type's name in tables; a value of it as a Value; and back, which throws RangeException for
+  /// a Value of another type.
   static std::string name() { return detail::typeNameOf(T::model()); }
   static Value of(T const& value) { return detail::structureOf(T::model(), &value); }
   static T from(Value const& value) {

@@ -26,6 +26,7 @@ class WatchDescriptor;
 /// with the watches taken up anew, and never touches its parent's.
 class MEM_API InotifyMgr final {
  public:
+  /// By the kernel's number.
   using Table = std::multimap<int, WatchDescriptor::WatchDescriptor*>;
 
   /// What is told of events.
@@ -42,6 +43,7 @@ class MEM_API InotifyMgr final {
     virtual bool remountTimeouts() const;
   };
 
+  /// The process's one, made at the first call.
   static InotifyMgr& getInotifyMgr();
 
   /// Live watches by the kernel's number; watchers of one file follow each other in the order in

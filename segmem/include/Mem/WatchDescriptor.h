@@ -24,6 +24,7 @@ class MEM_API WatchDescriptor final {
   /// refuses (no such path, no permission, watches used up). True at once when live already.
   bool initialize();
 
+  /// As given at construction.
   std::string const& path() const { return path_; }
   unsigned mask() const { return mask_; }
   /// The kernel's number, shared by all watchers of one file; -1 while not live.
