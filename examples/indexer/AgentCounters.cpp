@@ -1,6 +1,19 @@
 #include "AgentCounters.h"
 
+#include <iterator>
+#include <vector>
+
 namespace Indexer {
+namespace {
+
+constexpr CounterBlocks::Key kKeys[] = {
+    {"files", "files", "Files hashed since the start."},
+    {"bytes", "bytes", "Bytes hashed since the start."},
+    {"queries", "questions", "Questions answered since the start."},
+    {"errors", "", "Names that could not be read or watched."},
+};
+
+}  // namespace
 
 AgentCounters::AgentCounters(std::string const& name)
     : files_(&unpublished_.files),
@@ -14,7 +27,7 @@ AgentCounters::AgentCounters(std::string const& name)
   if (facade_->counter("files", nullptr) != nullptr) {
     place_ = "PulseCountersPlugin, counter set " + name;
   } else {
-    blocks_.emplace(name, std::vector<char const*>{"files", "bytes", "queries", "errors"});
+    blocks_.emplace(name, std::vector<CounterBlocks::Key>(std::begin(kKeys), std::end(kKeys)));
     place_ = blocks_->logPath();
   }
   files_ = _counter("files");

@@ -13,6 +13,7 @@
 #include "Kiv/AttributeLog.h"
 #include "Kiv/Exception.h"
 #include "Veltro/BlockCounter.h"
+#include "Veltro/CounterDescriptions.h"
 #include "Veltro/UtilCpp.h"
 
 namespace Indexer {
@@ -37,26 +38,33 @@ void makeDirectoryOf(std::string const& file) {
 
 }  // namespace
 
-CounterBlocks::CounterBlocks(std::string const& name, std::vector<char const*> const& keys)
+CounterBlocks::CounterBlocks(std::string const& name, std::vector<Key> const& keys)
     : blocks_(freshBlocks(name)) {
   std::string const file = blocks_->fileName().stdString();
   makeDirectoryOf(file);
   pidFile_.emplace(file + ".pid");
   _restore(name);
-  for (char const* const key : keys) blocks_->counterAddr(key, kBlockSize, false);
+  for (Key const& key : keys) blocks_->counterAddr(key.name, kBlockSize, false);
   Kiv::AttributeLog::save(*blocks_, logPath());
+  _describe(keys);
   U32 const generation = _nextGeneration();
-  for (char const* const key : keys) blocks_->shmemGenIdIs(key, kBlockSize, generation);
+  for (Key const& key : keys) blocks_->shmemGenIdIs(key.name, kBlockSize, generation);
 }
 
 CounterBlocks::~CounterBlocks() { blocks_->munmapFile(false); }
 
-U64* CounterBlocks::counter(char const* key) const {
-  U64 const block = blocks_->counterAddr(key, kBlockSize, true);
+U64* CounterBlocks::counter(char const* name) const {
+  U64 const block = blocks_->counterAddr(name, kBlockSize, true);
   return reinterpret_cast<U64*>(static_cast<std::uintptr_t>(block + Veltro::BlockCounter::kOffset));
 }
 
 std::string CounterBlocks::logPath() const { return blocks_->fileName().stdString() + ".log"; }
+
+void CounterBlocks::_describe(std::vector<Key> const& keys) const {
+  Veltro::CounterDescriptions about;
+  for (Key const& key : keys) about.descriptionIs(key.name, {"counter", key.unit, key.help});
+  about.save(Veltro::CounterDescriptions::pathOf(logPath()));
+}
 
 void CounterBlocks::_restore(std::string const& name) {
   try {

@@ -10,10 +10,11 @@
 namespace Indexer {
 
 /// 64-bit counters that other processes read, and that keep their places from run to run.
-/// In /var/shmem/shmem/counters/indexer, three files of the NAME that the command line gives:
+/// In /var/shmem/shmem/counters/indexer, files of the NAME that the command line gives:
 ///
 ///     NAME      the counters, a block each (Veltro/ShmemMan.h, Veltro/BlockCounter.h)
 ///     NAME.log  which key has which block, an attribute log; `veltro counters NAME.log` lists them
+///     NAME.log.about  what each key counts, for that listing
 ///     NAME.pid  whose they are; a second agent of that name is refused
 ///
 /// A start, in this order, so that it may be killed at any point of it:
@@ -25,16 +26,22 @@ namespace Indexer {
 ///   4. restart each block: zero, under a generation id greater than any in the file.
 class CounterBlocks final {
  public:
+  struct Key {
+    char const* name;
+    char const* unit;
+    char const* help;  // one sentence
+  };
   /// Failures of the world throw, with a line for the user.
-  CounterBlocks(std::string const& name, std::vector<char const*> const& keys);
+  CounterBlocks(std::string const& name, std::vector<Key> const& keys);
   /// Unmaps; the files stay.
   ~CounterBlocks();
 
   /// The counter of one of the keys.
-  Veltro::U64* counter(char const* key) const;
+  Veltro::U64* counter(char const* name) const;
   std::string logPath() const;
 
  private:
+  void _describe(std::vector<Key> const& keys) const;
   void _restore(std::string const& name);
   bool _usable(std::string const& name) const;
   void _putLogAside(std::string const& reason) const;
