@@ -64,7 +64,7 @@ class VELTRO_API LibeventTimerControl : public Platform::TimerControl {
   LibeventTimerControl(LibeventTimerControl const&) = delete;
   LibeventTimerControl& operator=(LibeventTimerControl const&) = delete;
 
-  /// Delays beyond what 32 bits of wall-clock seconds hold are cut to that.
+  /// Delays beyond what 32 bits of wall-clock seconds hold are waited for in parts.
   void setTimeout(double seconds) override;
   void delTimeout() override;
   /// To one tick of libevent's coarse clock.
@@ -80,10 +80,12 @@ class VELTRO_API LibeventTimerControl : public Platform::TimerControl {
   static void handleTimeout(evutil_socket_t fd, short what, void* control);
   void handler(LibeventThread const& thread);
   void _assign(LibeventThread& thread);
+  int _add(LibeventThread& thread, double seconds);
 
   Platform::TimeoutHandler* const handler_;
   event timerEvent_;
   U64 baseSerial_ = 0;    // which base timerEvent_ is assigned to
+  double beyond_ = 0;     // seconds still to wait when this part of the delay is over
   bool* gone_ = nullptr;  // set when destroyed inside its own call
 };
 

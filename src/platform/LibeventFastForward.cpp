@@ -37,7 +37,7 @@ void lowerMinTime(event const& timer) {
 }
 
 timeval wallClock() {
-  timeval now;
+  timeval now{};
   evutil_gettimeofday(&now, nullptr);
   return now;
 }

@@ -36,7 +36,7 @@ void countForks() {
 double longestDelay(double seconds) {
   constexpr double kDay = 86400;
   if (seconds < kDay) return kDay;
-  timeval now;
+  timeval now{};  // stays so where 32 bits have run out
   evutil_gettimeofday(&now, nullptr);
   return std::max(
       kDay, std::numeric_limits<std::int32_t>::max() - static_cast<double>(now.tv_sec) - kDay);

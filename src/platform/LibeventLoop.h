@@ -40,6 +40,9 @@ struct LibeventThread {
   event exitEvent{};
   bool exitArmed = false;
   std::exception_ptr* thrown = nullptr;  // where doLeEventLoop waits for it; null outside of it
+  // Of the latest zero delay: libevent's time and the deadline within it, in microseconds.
+  std::int64_t zeroNow = 0;
+  std::int64_t zeroDeadline = 0;
 
   static LibeventThread& current();
 

@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <ctime>
 #include <limits>
 
@@ -24,6 +25,38 @@ void startFromNow(event_base* base, timeval& delay) {
   evutil_timeradd(&delay, &lag, &delay);
 }
 
+std::int64_t microseconds(timeval const& time) {
+  return std::int64_t{time.tv_sec} * 1000000 + time.tv_usec;
+}
+
+int addAt(event& timer, std::int64_t delayUs) {
+  timeval delay;
+  delay.tv_sec = static_cast<decltype(delay.tv_sec)>((delayUs - 999999) / 1000000);
+  delay.tv_usec = static_cast<decltype(delay.tv_usec)>(delayUs - delay.tv_sec * 1000000LL);
+  return event_add(&timer, &delay);
+}
+
+// Zero delays come in the order of arming. libevent's time moves by the tick or the pass and equal
+// deadlines come in any order, so each gets a deadline of its own, a microsecond behind the one
+// before: in the recent past, where all are due at once. What libevent takes for now is known only
+// from the deadline that it makes of a delay.
+int addNow(LibeventThread& thread, event& timer) {
+  constexpr std::int64_t kRoomUs = 20000;
+  auto const behindLast = [&] {
+    return std::min(std::max(thread.zeroDeadline + 1 - thread.zeroNow, -kRoomUs), std::int64_t{0});
+  };
+  std::int64_t delayUs = behindLast();
+  int result = addAt(timer, delayUs);
+  std::int64_t const now = microseconds(timer.ev_timeout) - delayUs;
+  if (result == 0 && now != thread.zeroNow) {  // it has moved on: the room is free again
+    thread.zeroNow = now;
+    delayUs = behindLast();
+    result = addAt(timer, delayUs);
+  }
+  thread.zeroDeadline = now + delayUs;
+  return result;
+}
+
 }  // namespace
 
 LibeventTimerControl::LibeventTimerControl(Platform::TimeoutHandler* handler) : handler_(handler) {
@@ -40,13 +73,21 @@ void LibeventTimerControl::setTimeout(double seconds) {
   if (seconds > std::numeric_limits<double>::max()) return LibeventTimerControl::delTimeout();
   LibeventThread& thread = LibeventThread::current();
   if (!thread.holds(baseSerial_)) _assign(thread);
-  timeval delay = toDelay(seconds);
-  if (seconds > 0) startFromNow(thread.base, delay);
   // Replaces an earlier deadline, and takes back a call that the pass under way has still to make.
-  if (event_add(&timerEvent_, &delay) != 0) {
+  if (_add(thread, seconds) != 0) {
     MemoryResourceException::throwException("libevent takes no timer");
   }
   fastForwardArmed(thread, timerEvent_);
+}
+
+int LibeventTimerControl::_add(LibeventThread& thread, double seconds) {
+  beyond_ = 0;
+  if (!(seconds > 0)) return addNow(thread, timerEvent_);
+  timeval delay = toDelay(seconds);
+  double const rest = seconds - static_cast<double>(delay.tv_sec);
+  beyond_ = rest < 1 ? 0 : rest;
+  startFromNow(thread.base, delay);
+  return event_add(&timerEvent_, &delay);
 }
 
 void LibeventTimerControl::_assign(LibeventThread& thread) {
@@ -71,12 +112,12 @@ double LibeventTimerControl::remainingTimeout() const {
       event_pending(&timerEvent_, EV_TIMEOUT, &deadline) == 0) {
     return kInfinity;
   }
-  timeval now;
+  timeval now{};
   evutil_gettimeofday(&now, nullptr);
   if (evutil_timercmp(&deadline, &now, <)) return 0;
   timeval left;
   evutil_timersub(&deadline, &now, &left);
-  return static_cast<double>(left.tv_sec) + static_cast<double>(left.tv_usec) / 1000000;
+  return static_cast<double>(left.tv_sec) + static_cast<double>(left.tv_usec) / 1000000 + beyond_;
 }
 
 void LibeventTimerControl::handleTimeout(evutil_socket_t, short, void* control) {
@@ -85,6 +126,7 @@ void LibeventTimerControl::handleTimeout(evutil_socket_t, short, void* control) 
 }
 
 void LibeventTimerControl::handler(LibeventThread const& thread) {
+  if (beyond_ > 0 && !leFastForward()) return setTimeout(beyond_);  // not due yet by far
   fastForwardGone(thread, timerEvent_);
   HandlerCall const call(gone_);
   catching([this] { handler_->timeout(); },
