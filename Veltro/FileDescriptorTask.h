@@ -38,7 +38,7 @@ class VELTRO_API FileDescriptorTask : public _TaskBase {
   int taskWatchFd() const;
   /// Watches `fd` from now on, with the interests as they are.
   void taskWatchFdIs(int fd);
-  /// Forgets the descriptor.
+  /// Forgets the descriptor. This and the next drop runs that are queued.
   void taskWatchFdDel();
   /// Drops what the loop watches, not the interests: they are taken up by the next
   /// taskWatchFdIs(), but switching one on that is on already does nothing.
@@ -93,6 +93,8 @@ class VELTRO_API FileDescriptorTask : public _TaskBase {
   class Executing;
 
   void checkCreateWriteTask();
+  void _dropQueued();
+  bool _mayNotRun(TaskImpl const& task) const;
   void _taskExecuteReadable();
   void _taskExecuteWritable();
   TaskImpl& _executingTask() const;
@@ -104,6 +106,8 @@ class VELTRO_API FileDescriptorTask : public _TaskBase {
   std::shared_ptr<WriteTask> writeTask_;
   TaskImpl* executingTask_ = nullptr;
   Platform::FdEventHandler* fdNotifiee_ = nullptr;
+  bool readableMuted_ = false;  // taken off the loop while the read task may not run
+  bool writableMuted_ = false;
 };
 
 }  // namespace Veltro

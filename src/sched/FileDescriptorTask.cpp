@@ -104,18 +104,29 @@ int FileDescriptorTask::taskWatchFd() const {
   return taskScheduler()->schedulerRoot().fileDescriptorTaskFd(*this);
 }
 void FileDescriptorTask::taskWatchFdIs(int fd) {
+  readableMuted_ = writableMuted_ = false;
   taskScheduler()->schedulerRoot().fileDescriptorTaskFdIs(*this, fd);
 }
 void FileDescriptorTask::taskWatchFdDel() {
   taskScheduler()->schedulerRoot().fileDescriptorTaskFdDel(*this);
+  _dropQueued();
 }
 void FileDescriptorTask::preFdCloseCleanup() {
   taskScheduler()->schedulerRoot().preFdCloseCleanup(*this);
+  _dropQueued();
+}
+
+// Readiness told before is of a descriptor that is no longer watched.
+void FileDescriptorTask::_dropQueued() {
+  readableMuted_ = writableMuted_ = false;
+  if (taskScheduledReadable()) readTask_->unscheduleTask();
+  if (taskScheduledWritable()) writeTask_->unscheduleTask();
 }
 
 void FileDescriptorTask::taskWatchReadableIs(bool on) {
   if (on == watchReadable_) return;
   watchReadable_ = on;
+  readableMuted_ = false;
   taskScheduler()->schedulerRoot().fileDescriptorTaskWatchReadableIs(*this, on);
   if (!on) readTask_->unscheduleTask();
 }
@@ -124,6 +135,7 @@ void FileDescriptorTask::taskWatchWritableIs(bool on) {
   if (on == watchWritable_) return;
   checkCreateWriteTask();
   watchWritable_ = on;
+  writableMuted_ = false;
   taskScheduler()->schedulerRoot().fileDescriptorTaskWatchWritableIs(*this, on);
   if (!on) writeTask_->unscheduleTask();
 }
@@ -140,10 +152,22 @@ void FileDescriptorTask::checkCreateWriteTask() {
 void FileDescriptorTask::handleReadable() {
   VELTRO_ASSERT(schedDebug(), watchReadable_, "handleReadable() called with taskWatchReadable off");
   scheduleTaskReadable();
+  if (!_mayNotRun(*readTask_)) return;
+  readableMuted_ = true;
+  taskScheduler()->schedulerRoot().fileDescriptorTaskWatchReadableIs(*this, false);
 }
 void FileDescriptorTask::handleWritable() {
   VELTRO_ASSERT(schedDebug(), watchWritable_, "handleWritable() called with taskWatchWritable off");
   scheduleTaskWritable();
+  if (!_mayNotRun(*writeTask_)) return;
+  writableMuted_ = true;
+  taskScheduler()->schedulerRoot().fileDescriptorTaskWatchWritableIs(*this, false);
+}
+
+// Told of readiness, over and over, while nothing can be done about it, the loop would never sleep:
+// it is asked to look away until the sub-task runs, which it does once after being resumed.
+bool FileDescriptorTask::_mayNotRun(TaskImpl const& task) const {
+  return task.taskSuspendedForTest() || taskScheduler()->schedulerRoot().suspended();
 }
 void FileDescriptorTask::scheduleTaskReadable() { readTask_->scheduleTask(); }
 void FileDescriptorTask::scheduleTaskWritable() { _writeTask().scheduleTask(); }
@@ -151,12 +175,18 @@ void FileDescriptorTask::scheduleTaskWritable() { _writeTask().scheduleTask(); }
 void FileDescriptorTask::_taskExecuteReadable() {
   std::shared_ptr<_TaskBase> const self = shared_from_this();  // the handler may let go of us
   VELTRO_ASSERT(schedDebug(), watchReadable_, "ReadTask should only run if taskWatchReadable");
+  if (std::exchange(readableMuted_, false)) {
+    taskScheduler()->schedulerRoot().fileDescriptorTaskWatchReadableIs(*this, true);
+  }
   Executing const executing(*this, *readTask_);
   taskExecuteReadable();
 }
 
 void FileDescriptorTask::_taskExecuteWritable() {
   std::shared_ptr<_TaskBase> const self = shared_from_this();
+  if (std::exchange(writableMuted_, false)) {
+    taskScheduler()->schedulerRoot().fileDescriptorTaskWatchWritableIs(*this, true);
+  }
   Executing const executing(*this, *writeTask_);
   taskExecuteWritable();
 }
