@@ -1,0 +1,178 @@
+// Delays and clocks that go astray. All times are the test's own.
+#include <gmock/gmock.h>
+#include <sys/prctl.h>
+#include <ucontext.h>
+
+#include <csignal>
+#include <vector>
+
+#include "Kiv/TimeStampCounter.h"
+#include "Scene.h"
+
+namespace Veltro {
+namespace {
+
+template <typename Backend>
+struct ClockTest : testing::Test {};
+TYPED_TEST_SUITE(ClockTest, AllBackends, );
+
+constexpr double kDay = 86400;
+
+TYPED_TEST(ClockTest, delaysFireOnTimeAndNeverEarly) {
+  double const infinity = std::numeric_limits<double>::infinity();
+  double const nan = std::numeric_limits<double>::quiet_NaN();
+  struct {
+    double seconds;
+    double elapsed;  // when it fires; infinite: not within this test
+  } const cases[] = {
+      {-infinity, 0},
+      {-1e300, 0},
+      {-2147483649.0, 0},
+      {-1, 0},
+      {-0.0, 0},
+      {0, 0},
+      {nan, 0},
+      {std::numeric_limits<double>::denorm_min(), 0},
+      {1e-9, 1e-9},
+      {0.0101, 0.0101},
+      {1.5 * kDay, 1.5 * kDay},
+      {2147483.648, 2147483.648},
+      {1e8, infinity},
+      {2147483646.5, infinity},
+      {2147483647, infinity},
+      {2147483648, infinity},
+      {2147483649, infinity},
+      {4294967296, infinity},
+      {1e18, infinity},
+      {1e300, infinity},
+      {infinity, infinity},
+  };
+  TypeParam::run([&] {
+    for (auto const& c : cases) {
+      SCOPED_TRACE(c.seconds);
+      Scene<TypeParam> s;
+      double fired = infinity;
+      auto& a = s.timerIn(c.seconds, 'a', [&] { fired = s.outside.seconds(); });
+      bool const never = c.seconds == infinity;
+      if (c.seconds > 0) {
+        EXPECT_EQ(never, a.control->remainingTimeout() == infinity);
+        if (!never && c.seconds < 1e10) {
+          EXPECT_NEAR(c.seconds, a.control->remainingTimeout(), 2);
+        }
+      }
+      Platform::doEventLoop(c.elapsed < infinity ? c.elapsed + 1 : 1e7);
+      EXPECT_GE(fired + 1e-9, c.elapsed);
+      // libevent waits in milliseconds, and for what it has a clock for.
+      if (c.elapsed < infinity) {
+        EXPECT_LE(fired, c.elapsed + 0.02);
+      } else {
+        EXPECT_EQ(infinity, fired);
+      }
+    }
+  });
+}
+
+// The wall clock may go where it likes: deadlines are told by the monotonic one.
+TYPED_TEST(ClockTest, stepsOfTheWallClockMoveNoDeadline) {
+  constexpr std::int64_t kSecond = 1000000000, kYear = 31557600 * kSecond;
+  struct {
+    char const* name;
+    std::int64_t start, step;
+  } const cases[] = {
+      {"an hour on", 1700000000 * kSecond, 3600 * kSecond},
+      {"an hour back", 1700000000 * kSecond, -3600 * kSecond},
+      {"ten years on", 1700000000 * kSecond, 10 * kYear},
+      {"ten years back", 1700000000 * kSecond, -10 * kYear},
+      {"over the end of 32 bits", 2147482640 * kSecond, 30 * kSecond},
+      {"beyond it from the start", 2200000000 * kSecond, 0},
+  };
+  TypeParam::run([&] {
+    for (auto const& c : cases) {
+      SCOPED_TRACE(c.name);
+      Scene<TypeParam> s;
+      s.outside.wallNs = c.start;
+      std::vector<double> fired;
+      auto const note = [&] { fired.push_back(s.outside.seconds()); };
+      auto& late = s.timer('b', note);
+      s.timerIn(5, 's', [&] {
+        s.outside.wallNs += c.step;
+        late.in(10);
+      });
+      s.timerIn(10, 'a', note);
+      s.timerIn(2 * kDay, 'c', note);
+      Platform::doEventLoop();
+      EXPECT_EQ("sabc", s.log);
+      ASSERT_EQ(3u, fired.size());
+      EXPECT_THAT(fired[0], testing::AllOf(testing::Ge(10), testing::Lt(10.02)));
+      EXPECT_THAT(fired[1], testing::AllOf(testing::Ge(15), testing::Lt(15.02)));
+      EXPECT_THAT(fired[2], testing::AllOf(testing::Ge(2 * kDay), testing::Lt(2 * kDay + 0.2)));
+      EXPECT_GT(1000u, s.outside.calls[Outside::epollWait]);
+    }
+  });
+}
+
+// The processor's counter, as a virtual machine may show it: its instruction is made to fault, and
+// the fault's handler answers.
+volatile std::uint64_t counter, counterStep;
+
+void answerCounter(int, siginfo_t*, void* context) {
+  auto* const registers = static_cast<ucontext_t*>(context)->uc_mcontext.gregs;
+#ifdef __x86_64__
+  auto& ip = registers[REG_RIP];
+  auto &low = registers[REG_RAX], &high = registers[REG_RDX];
+#else
+  auto& ip = registers[REG_EIP];
+  auto &low = registers[REG_EAX], &high = registers[REG_EDX];
+#endif
+  auto const* const code = reinterpret_cast<unsigned char const*>(static_cast<std::uintptr_t>(ip));
+  if (code[0] != 0x0f || code[1] != 0x31) ::_exit(99);
+  ip += 2;
+  counter = counter + counterStep;
+  low = static_cast<greg_t>(static_cast<std::uint32_t>(counter));
+  high = static_cast<greg_t>(static_cast<std::uint32_t>(counter >> 32));
+}
+
+TEST(CounterTest, howeverTheCounterGoesADescriptorIsServedInTime) {
+  constexpr unsigned kPassesPerLook = 256;  // as kiv/README.md states
+  while (Kiv::TimeStampCounter::ticks(std::chrono::seconds(1)) == 0) continue;
+  struct {
+    char const* name;
+    std::uint64_t step;
+  } const cases[] = {{"stands still", 0},
+                     {"creeps", 1},
+                     {"jumps", std::uint64_t{1} << 40},
+                     {"goes backwards", ~std::uint64_t{1000}}};
+  struct sigaction action {
+  }, before;
+  action.sa_sigaction = answerCounter;
+  action.sa_flags = SA_SIGINFO;
+  ASSERT_EQ(0, ::sigaction(SIGSEGV, &action, &before));
+  for (auto const& c : cases) {
+    SCOPED_TRACE(c.name);
+    Scene<KivBackend> s;
+    counterStep = c.step;
+    unsigned passes = 0, longest = 0;
+    auto& busy = s.timer('b');
+    auto& watch = s.watch(s.pairs[0].ends[0], 'w');
+    unsigned served = 0;
+    watch.handler.onRead = [&](int) {
+      longest = std::max(longest, std::exchange(passes, 0));
+      if (++served == 20) watch.off();
+    };
+    busy.handler.onTimeout = [&] {
+      ++passes;
+      if (served < 20 && passes < 10000) busy.in(0);
+    };
+    busy.in(0);
+    s.pairs[0].put();
+    ASSERT_EQ(0, ::prctl(PR_SET_TSC, PR_TSC_SIGSEGV));
+    Platform::doEventLoop();
+    ::prctl(PR_SET_TSC, PR_TSC_ENABLE);
+    EXPECT_EQ(20u, served);
+    EXPECT_GE(kPassesPerLook, longest);
+  }
+  ::sigaction(SIGSEGV, &before, nullptr);
+}
+
+}  // namespace
+}  // namespace Veltro
