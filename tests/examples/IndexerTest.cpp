@@ -268,7 +268,18 @@ TEST_F(IndexerTest, followsChanges) {
       {"written below its new name",
        [&] { write(tree + "/sub/b/c/f", "abc"); },
        {{"sub/b/c/f", "3 bytes"}}},
-      {"moved out", [&] { fs::rename(tree + "/sub/b", outside); }, {{"sub/b/c/f", "none"}}},
+      {"moved out, and another in its place before the agent looks",
+       [&] {
+         process.signal(SIGSTOP);
+         fs::rename(tree + "/sub/b", outside);
+         fs::create_directory(tree + "/sub/b");
+         write(tree + "/sub/b/g", "a");
+         process.signal(SIGCONT);
+       },
+       {{"sub/b/g", "1 bytes"}, {"sub/b/c/f", "none"}}},
+      {"written in that other one",
+       [&] { write(tree + "/sub/b/h", "ab"); },
+       {{"sub/b/h", "2 bytes"}}},
       {"moved in, over an empty directory",
        [&] {
          write(outside + "/c/f", "abcd");
@@ -295,7 +306,9 @@ TEST_F(IndexerTest, followsChanges) {
          fs::create_symlink(tree + "/empty", tree + "/in/f");
        },
        {{"in/f", "none"}}},
-      {"the whole tree goes", [&] { fs::remove_all(tree); }, {{"empty", "none"}}},
+      {"the whole tree goes",
+       [&] { fs::rename(tree, temp.path("elsewhere")); },
+       {{"empty", "none"}}},
   };
   for (auto const& c : cases) {
     SCOPED_TRACE(c.name);
