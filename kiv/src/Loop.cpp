@@ -31,37 +31,6 @@ Loop& Loop::instance() {
   return *loop;
 }
 
-int Loop::run() {
-  if (running_) return -1;
-  Run const run(*this);
-  while (!stop_ && _pass()) {
-  }
-  return 0;
-}
-
-/// False when the run is over.
-bool Loop::_pass() {
-  bool const resumed = cut_;
-  cut_ = true;
-  if (resumed) {
-    _look();  // and no new batch: first what the cut kept from its turn
-  } else {
-    if (_nothingDue()) {
-      if (!_waitForWork()) {
-        cut_ = false;
-        return false;
-      }
-    } else if (_lookIsDue()) {
-      _look();
-    }
-    timers_.take(clock_.latest());
-  }
-  _callBatch();
-  if (poller_.ready()) poller_.serve(reaction_, stop_);
-  cut_ = stop_;
-  return clock_.latest() < end_;
-}
-
 /// Nothing is due: waits for a descriptor, the next deadline or the end of the run. False when
 /// there is nothing to wait for.
 bool Loop::_waitForWork() {
@@ -86,7 +55,7 @@ void Loop::_jumpUnlessReady(double deadline) {
 
 /// For passes that have work: one compare for each reason to look. The rate not known, a counter
 /// that has not moved and one that has gone back all count as much time gone by.
-bool Loop::_lookIsDue() {
+inline bool Loop::_lookIsDue() {
   U32 const elapsed = static_cast<U32>(TimeStampCounter::now()) - lookedAt_;
   return elapsed - 1 >= ticksPerLook_ - 1 || --passesLeft_ == 0;
 }
@@ -106,11 +75,7 @@ void Loop::_looked() {
   lookedAt_ = static_cast<U32>(TimeStampCounter::now());
 }
 
-void Loop::_callBatch() {
-  while (!stop_ && !timers_.batchEmpty()) _call(timers_.takeFirst());
-}
-
-void Loop::_call(Clock::Notifiee& timer) {
+inline void Loop::_call(Clock::Notifiee& timer) {
   /// The end of onTime(), also by exception, but before anybody is asked about that: who answers
   /// for an exception may arm anew.
   struct Disarm {
@@ -126,6 +91,41 @@ void Loop::_call(Clock::Notifiee& timer) {
     Disarm const disarm{reaction_, timer};
     timer.onTime();
   });
+}
+
+inline void Loop::_callBatch() {
+  while (!stop_ && !timers_.batchEmpty()) _call(timers_.takeFirst());
+}
+
+/// False when the run is over.
+inline bool Loop::_pass() {
+  bool const resumed = cut_;
+  cut_ = true;
+  if (resumed) {
+    _look();  // and no new batch: first what the cut kept from its turn
+  } else {
+    if (_nothingDue()) {
+      if (!_waitForWork()) {
+        cut_ = false;
+        return false;
+      }
+    } else if (_lookIsDue()) {
+      _look();
+    }
+    timers_.take(clock_.latest());
+  }
+  _callBatch();
+  if (poller_.ready()) poller_.serve(reaction_, stop_);
+  cut_ = stop_;
+  return clock_.latest() < end_;
+}
+
+int Loop::run() {
+  if (running_) return -1;
+  Run const run(*this);
+  while (!stop_ && _pass()) {
+  }
+  return 0;
 }
 
 }  // namespace Kiv

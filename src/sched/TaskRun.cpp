@@ -32,20 +32,7 @@ U64 percentageOf(std::chrono::nanoseconds part, std::chrono::nanoseconds whole) 
 }
 }  // namespace
 
-void TaskImpl::taskDoRun(TimePoint now, TimePoint& endTime) {
-  TaskSchedulerHistory& history = *taskScheduler()->history_;
-  history.insert(now, TaskSchedulerEventType::runStart, taskNameRef());
-  VELTRO_ASSERT(schedDebug(), !taskRunQueueLink_.isLinked(),
-                "Task: " << *this << " runs while it is on the run queue");
-  VELTRO_TRACE(schedDebug(), 8, "Running " << *this);
-  _execute(now);
-  endTime = Clock::now();
-  _accountRun(endTime - runStart_);
-  history.insert(endTime, TaskSchedulerEventType::runEnd, taskNameRef());
-  taskBusyIs(taskScheduled(), endTime);
-}
-
-void TaskImpl::_execute(TimePoint now) {
+inline void TaskImpl::_execute(TimePoint now) {
   // A task that runs the event loop may be run again inside its run: then this is the inner run,
   // and what the outer one measures and asks must be put back.
   bool const nested = taskCurrentlyRunning_;
@@ -79,7 +66,14 @@ void TaskImpl::_execute(TimePoint now) {
   ended();
 }
 
-void TaskImpl::_accountRun(Nanoseconds elapsed) {
+void TaskImpl::_accountViolation(Nanoseconds elapsed) {
+  VELTRO_TRACE(schedDebug(), 5,
+               "Ran " << *this << " used " << elapsed << " " << percentageOf(elapsed, taskQuantum_)
+                      << "% violation");
+  ++(elapsed < 5 * taskQuantum_ ? quantumViolations200_ : quantumViolations500_);
+}
+
+inline void TaskImpl::_accountRun(Nanoseconds elapsed) {
   if (taskQuantum_ != Nanoseconds::zero() && elapsed >= 2 * taskQuantum_) {
     _accountViolation(elapsed);
   } else {
@@ -89,11 +83,17 @@ void TaskImpl::_accountRun(Nanoseconds elapsed) {
   totalRunTime_ += elapsed;
 }
 
-void TaskImpl::_accountViolation(Nanoseconds elapsed) {
-  VELTRO_TRACE(schedDebug(), 5,
-               "Ran " << *this << " used " << elapsed << " " << percentageOf(elapsed, taskQuantum_)
-                      << "% violation");
-  ++(elapsed < 5 * taskQuantum_ ? quantumViolations200_ : quantumViolations500_);
+void TaskImpl::taskDoRun(TimePoint now, TimePoint& endTime) {
+  TaskSchedulerHistory& history = *taskScheduler()->history_;
+  history.insert(now, TaskSchedulerEventType::runStart, taskNameRef());
+  VELTRO_ASSERT(schedDebug(), !taskRunQueueLink_.isLinked(),
+                "Task: " << *this << " runs while it is on the run queue");
+  VELTRO_TRACE(schedDebug(), 8, "Running " << *this);
+  _execute(now);
+  endTime = Clock::now();
+  _accountRun(endTime - runStart_);
+  history.insert(endTime, TaskSchedulerEventType::runEnd, taskNameRef());
+  taskBusyIs(taskScheduled(), endTime);
 }
 
 bool TaskImpl::taskShouldYield() const {
