@@ -106,6 +106,9 @@ class VELTRO_API LibeventFdControl : public Platform::FdControl {
   void delFd() override;
   int getFd() const override;
   void clearEvents() override;
+  /// A background control is served like any other, but does not keep the loop running. Set it
+  /// before setFd().
+  void backgroundIs(bool background) { background_ = background; }
 
  private:
   static void handleFdRead(evutil_socket_t fd, short what, void* control);
@@ -117,6 +120,7 @@ class VELTRO_API LibeventFdControl : public Platform::FdControl {
   Platform::FdEventHandler* const handler_;
   int fd_ = -1;
   bool reads_ = true;
+  bool background_ = false;
   bool writes_ = false;
   event readEvent_;
   event writeEvent_;

@@ -74,6 +74,8 @@ class VELTRO_API TaskSchedulerRoot : public TaskScheduler {
   /// The schedulers of this thread; this one among them.
   void registerScheduler(TaskScheduler* scheduler);
   void unregisterScheduler(TaskScheduler* scheduler);
+  /// This one and all groups below it.
+  std::set<TaskScheduler*> const& schedulers() const { return schedulers_; }
   /// Of all schedulers of this thread.
   unsigned taskGroupCount() const;
   unsigned totalRegisteredTaskCount() const;

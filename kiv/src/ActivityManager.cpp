@@ -51,5 +51,9 @@ void ActivityManager::Config::executionTimeIs(double seconds) { loop_.executionT
 double ActivityManager::Config::executionTime() const { return loop_.executionTime(); }
 void ActivityManager::Config::virtualTimeIs(bool on) { loop_.virtualTimeIs(on); }
 bool ActivityManager::Config::virtualTime() const { return loop_.virtualTime(); }
+void ActivityManager::Config::passObserverIs(PassObserver* observer) {
+  loop_.passObserverIs(observer);
+}
+PassObserver* ActivityManager::Config::passObserver() const { return loop_.passObserver(); }
 
 }  // namespace Kiv

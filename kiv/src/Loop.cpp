@@ -1,11 +1,21 @@
 #include "Loop.h"
 
 #include <cmath>
+#include <ctime>
 #include <utility>
 
 #include "Kiv/TimeStampCounter.h"
 
 namespace Kiv {
+namespace {
+
+U64 nanoseconds() {
+  ::timespec time{};
+  ::clock_gettime(CLOCK_MONOTONIC, &time);
+  return static_cast<U64>(time.tv_sec) * 1000000000 + static_cast<U64>(time.tv_nsec);
+}
+
+}  // namespace
 
 /// Marks the run, and undoes on every exit what holds for one run only.
 class Loop::Run final {
@@ -36,7 +46,7 @@ Loop& Loop::instance() {
 bool Loop::_waitForWork() {
   double const deadline = std::fmin(timers_.earliest(), end_);
   if (deadline == kInfinity) {
-    if (!poller_.watching()) return false;
+    if (!poller_.keepsRunning()) return false;
     poller_.look(kInfinity);
   } else if (virtual_) {
     _jumpUnlessReady(deadline);
@@ -45,6 +55,10 @@ bool Loop::_waitForWork() {
     clock_.read();
   }
   _looked();
+  if (observer_ != nullptr) {
+    waitedUntil_ = nanoseconds();
+    calledAt_ = clock_.latest();
+  }
   return true;
 }
 
@@ -61,9 +75,16 @@ inline bool Loop::_lookIsDue() {
 }
 
 void Loop::_look() {
-  if (poller_.watching()) poller_.look(0);
+  if (poller_.keepsRunning() || _backgroundLookIsDue()) poller_.look(0);
   clock_.read();
   _looked();
+}
+
+/// A call to the kernel every few microseconds is the price of serving others, not of being seen.
+bool Loop::_backgroundLookIsDue() {
+  if (!poller_.watching() || clock_.latest() < backgroundLook_) return false;
+  backgroundLook_ = clock_.latest() + 1e-3;
+  return true;
 }
 
 void Loop::_looked() {
@@ -94,7 +115,7 @@ inline void Loop::_call(Clock::Notifiee& timer) {
 }
 
 inline void Loop::_callBatch() {
-  while (!stop_ && !timers_.batchEmpty()) _call(timers_.takeFirst());
+  for (; !stop_ && !timers_.batchEmpty(); ++calls_) _call(timers_.takeFirst());
 }
 
 /// False when the run is over.
@@ -115,15 +136,33 @@ inline bool Loop::_pass() {
     timers_.take(clock_.latest());
   }
   _callBatch();
-  if (poller_.ready()) poller_.serve(reaction_, stop_);
+  if (poller_.ready()) {
+    calls_ += poller_.readyCount();
+    poller_.serve(reaction_, stop_);
+  }
   cut_ = stop_;
   return clock_.latest() < end_;
+}
+
+/// A pass, timed. One that an exception leaves is not told of.
+bool Loop::_observedPass() {
+  double const deadline = timers_.earliest();
+  U64 const start = waitedUntil_ = nanoseconds();
+  calledAt_ = clock_.read();
+  calls_ = 0;
+  bool const goesOn = _pass();
+  double const lag = calledAt_ - deadline;
+  if (observer_ != nullptr && goesOn) {
+    observer_->onPass({waitedUntil_ - start, nanoseconds() - waitedUntil_,
+                       lag > 0 ? static_cast<U64>(lag * 1e9) : 0, calls_});
+  }
+  return goesOn;
 }
 
 int Loop::run() {
   if (running_) return -1;
   Run const run(*this);
-  while (!stop_ && _pass()) {
+  while (!stop_ && (observer_ == nullptr ? _pass() : _observedPass())) {
   }
   return 0;
 }

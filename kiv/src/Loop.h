@@ -35,6 +35,8 @@ class Loop final {
   double executionTime() const { return executionTime_; }
   void virtualTimeIs(bool on) { virtual_ = on; }
   bool virtualTime() const { return virtual_; }
+  void passObserverIs(PassObserver* observer) { observer_ = observer; }
+  PassObserver* passObserver() const { return observer_; }
 
  private:
   static constexpr double kInfinity = std::numeric_limits<double>::infinity();
@@ -43,11 +45,13 @@ class Loop final {
   class Run;
 
   bool _pass();
+  bool _observedPass();
   bool _nothingDue() const { return timers_.batchEmpty() && !timers_.due(clock_.latest()); }
   bool _waitForWork();
   void _jumpUnlessReady(double deadline);
   bool _lookIsDue();
   void _look();
+  bool _backgroundLookIsDue();
   void _looked();
   void _callBatch();
   void _call(Clock::Notifiee& timer);
@@ -63,6 +67,14 @@ class Loop final {
   bool running_ = false;
   bool stop_ = false;
   bool cut_ = false;  // the latest pass was left before its end
+
+  // What an observed pass notes on its way.
+  PassObserver* observer_ = nullptr;
+  U64 waitedUntil_ = 0;  // nanoseconds
+  double calledAt_ = 0;
+  U32 calls_ = 0;
+
+  double backgroundLook_ = 0;  // not before that time
 
   // The low half of the counter is enough for microseconds and half the price on 32 bits.
   U32 lookedAt_ = 0;

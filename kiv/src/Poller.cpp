@@ -57,6 +57,9 @@ void Poller::watch(FileDescriptor& entity, int descriptor) {
   // The kernel first: the number may be absurd.
   if (error == 0 && (mask == 0 || !known)) error = _probe(descriptor);
   if (error == 0 && !known) slots_.resize(static_cast<U32>(descriptor) + 1);
+  if (error == 0 && _slot(descriptor).mask == 0) {
+    _slot(descriptor).background = entity.background_;
+  }
   if (error == 0 && mask != 0) error = _control(descriptor, mask);
   if (error != 0) throw ErrnoException("descriptor " + std::to_string(descriptor), error);
 
@@ -147,8 +150,15 @@ void Poller::_unregister(int descriptor) {
 
 void Poller::_maskIs(int descriptor, U32 mask) {
   Slot& slot = _slot(descriptor);
-  if (slot.mask == 0 && mask != 0) ++watched_;
-  if (slot.mask != 0 && mask == 0) --watched_;
+  U32 const background = slot.background ? 1 : 0;
+  if (slot.mask == 0 && mask != 0) {
+    ++watched_;
+    background_ += background;
+  }
+  if (slot.mask != 0 && mask == 0) {
+    --watched_;
+    background_ -= background;
+  }
   slot.mask = mask;
 }
 

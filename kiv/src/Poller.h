@@ -26,6 +26,8 @@ class Poller final {
 
   /// True while the kernel is asked for anything.
   bool watching() const { return watched_ != 0; }
+  /// The same, without the background ones.
+  bool keepsRunning() const { return watched_ != background_; }
   /// The entity, which watches nothing yet, joins `descriptor`. Throws ErrnoException.
   void watch(FileDescriptor& entity, int descriptor);
   /// The entity leaves its descriptor; nothing if it has none.
@@ -38,6 +40,7 @@ class Poller final {
   bool look(double seconds);
   /// True when the latest look found something that was not served since.
   bool ready() const { return ready_ != 0; }
+  U32 readyCount() const { return ready_; }
   /// Counts and notifies what the latest look found, until `stop`. What an exception or a stop
   /// has cut off comes first after the next look, so that nobody starves.
   void serve(Reaction& reaction, bool const& stop);
@@ -45,7 +48,8 @@ class Poller final {
  private:
   struct Slot {
     FileDescriptor* first = nullptr;
-    U32 mask = 0;          // what the kernel is asked for; 0: it does not know the descriptor
+    U32 mask = 0;  // what the kernel is asked for; 0: it does not know the descriptor
+    bool background = false;
     U32 registration = 0;  // tells events of this registration from those of an earlier file
   };
   Slot& _slot(int descriptor) { return slots_[static_cast<U32>(descriptor)]; }
@@ -63,6 +67,7 @@ class Poller final {
 
   std::vector<Slot> slots_;  // by descriptor number
   U32 watched_ = 0;
+  U32 background_ = 0;  // of those
   U32 registrations_ = 0;
   int set_ = -1;
   U32 forks_ = 0;  // as of when the set was made

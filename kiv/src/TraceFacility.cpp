@@ -84,19 +84,55 @@ void TraceFacilityManager::doReadEnvironment() {
   {
     std::lock_guard<std::mutex> lock(impl_->mutex);
     impl_->settings = std::move(now.settings);
-    for (auto const& [name, facility] : impl_->facilities) {
-      // All entries at once, so that no statement sees the state between "A" and "-A".
-      U32 old = __atomic_load_n(&facility->levels_, __ATOMIC_RELAXED);
-      while (!__atomic_compare_exchange_n(&facility->levels_, &old,
-                                          applied(impl_->settings, name, old), true,
-                                          __ATOMIC_RELAXED, __ATOMIC_RELAXED)) {
-      }
-    }
+    _apply(impl_->settings);
     for (std::string const& complaint : now.complaints) {
       if (impl_->noted.insert(complaint).second) notes += "TRACE: " + complaint + ", ignored\n";
     }
   }
   traceWrite(notes);
+}
+
+// Under the lock. All entries at once, so that no statement sees the state between "A" and "-A".
+void TraceFacilityManager::_apply(std::deque<TraceSetting> const& settings) {
+  for (auto const& [name, facility] : impl_->facilities) {
+    U32 old = __atomic_load_n(&facility->levels_, __ATOMIC_RELAXED);
+    while (!__atomic_compare_exchange_n(&facility->levels_, &old, applied(settings, name, old),
+                                        true, __ATOMIC_RELAXED, __ATOMIC_RELAXED)) {
+    }
+  }
+}
+
+void TraceFacilityManager::settingAdd(TraceSetting const& setting) {
+  std::lock_guard<std::mutex> lock(impl_->mutex);
+  impl_->settings.push_back(setting);
+  _apply({setting});
+}
+
+TraceFacilityManager::State TraceFacilityManager::state() const {
+  State state;
+  {
+    std::lock_guard<std::mutex> lock(impl_->mutex);
+    state.settings = impl_->settings;
+    for (auto const& [name, facility] : impl_->facilities) {
+      state.levels.emplace_back(facility, __atomic_load_n(&facility->levels_, __ATOMIC_RELAXED));
+    }
+  }
+  std::sort(state.levels.begin(), state.levels.end(), [](auto const& a, auto const& b) {
+    return a.first->name().stdString() < b.first->name().stdString();
+  });
+  return state;
+}
+
+void TraceFacilityManager::stateIs(State const& state) {
+  std::lock_guard<std::mutex> lock(impl_->mutex);
+  impl_->settings = state.settings;
+  for (auto const& [name, facility] : impl_->facilities) {
+    U32 levels = applied(state.settings, name, 0);
+    for (auto const& [known, before] : state.levels) {
+      if (known == facility) levels = before;
+    }
+    __atomic_store_n(&facility->levels_, levels, __ATOMIC_RELAXED);
+  }
 }
 
 std::deque<TraceSetting> TraceFacilityManager::settings() const {

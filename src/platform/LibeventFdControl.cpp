@@ -74,6 +74,7 @@ void LibeventFdControl::_arm(event& event, short what, event_callback_fn callbac
   LibeventThread& thread = LibeventThread::current();
   event_assign(&event, thread.ensureBase(), fd_, static_cast<short>(what | EV_PERSIST), callback,
                this);
+  if (background_) event.ev_evcallback.evcb_flags |= EVLIST_INTERNAL;  // not counted as work
   baseSerial_ = thread.serial;
   if (event_add(&event, nullptr) != 0) {
     RuntimeException::throwException("libevent cannot watch descriptor " + std::to_string(fd_) +

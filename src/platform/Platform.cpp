@@ -5,6 +5,7 @@
 #include "Kiv/ActivityManager.h"
 #include "Kiv/System.h"
 #include "Veltro/Debug.h"
+#include "platform/BackgroundFd.h"
 #include "platform/KivCallback.h"
 #include "platform/KivClockTimer.h"
 #include "platform/KivFileDescriptor.h"
@@ -43,6 +44,19 @@ std::shared_ptr<Platform::FdControl> Platform::getFdControl(FdEventHandler* hand
   return std::make_shared<KivVeltro::FileDescriptor>(
       handler, Kiv::allocate<Kiv::FileDescriptor>("PlatformFd"));
 }
+
+std::shared_ptr<Platform::FdControl> getBackgroundFdControl(Platform::FdEventHandler* handler) {
+  if (useThreadLocal()) {
+    auto const control = std::make_shared<LibeventFdControl>(handler);
+    control->backgroundIs(true);
+    return control;
+  }
+  auto const entity = Kiv::allocate<Kiv::FileDescriptor>("PlatformFd");
+  entity->backgroundIs(true);
+  return std::make_shared<KivVeltro::FileDescriptor>(handler, entity);
+}
+
+bool onTypeSystemLoop() { return !useThreadLocal(); }
 
 std::shared_ptr<Platform::CallbackControl> Platform::getCallbackControl(CallbackHandler* handler) {
   if (useThreadLocal()) return getLeCallbackControl(handler);

@@ -4,6 +4,7 @@
 #include <sstream>
 #include <thread>
 
+#include "RootCompanion.h"
 #include "SchedDebug.h"
 #include "Veltro/FileDescriptorTask.h"
 #include "Veltro/TimerTask.h"
@@ -143,17 +144,21 @@ void TaskSchedulerRootVeltro::preFdCloseCleanup(FileDescriptorTask& task) {
   _notifiee(task).control().clearEvents();
 }
 
+std::unique_ptr<RootCompanion> (*makeRootCompanion)(TaskSchedulerRoot& root) = nullptr;
+
 std::shared_ptr<TaskSchedulerRoot> schedulerRootVeltroNonShared(std::string name) {
   return std::make_shared<TaskSchedulerRootVeltro>(name);
 }
 
 std::shared_ptr<TaskSchedulerRoot> schedulerRootVeltro() {
   thread_local std::shared_ptr<TaskSchedulerRoot> root;
+  thread_local std::unique_ptr<RootCompanion> companion;  // goes before the root
   if (!root) {
     std::ostringstream name;
     name.imbue(std::locale::classic());
     name << "thread:" << std::this_thread::get_id();
     root = schedulerRootVeltroNonShared(name.str());
+    if (makeRootCompanion != nullptr) companion = makeRootCompanion(*root);
   }
   return root;
 }

@@ -187,6 +187,7 @@ TEST_F(CountersTest, completesItsWords) {
         .text;
   };
   EXPECT_EQ("counters\n", completed("veltro cou", 1));
+  EXPECT_EQ("--once\n", completed("veltro top --o", 2));
   EXPECT_EQ("--file --follow\n", completed("veltro counters --f", 2));
   EXPECT_EQ("file\n", completed("veltro counters fi", 2));
 }

@@ -8,6 +8,12 @@ namespace Operator {
 // Each adds its subcommand to the program. What it does runs as the subcommand's callback, and
 // throws what main() turns into the exit status.
 void addCounters(CLI::App& program);
+void addTop(CLI::App& program);
+void addAdvise(CLI::App& program);
+void addTrace(CLI::App& program);
+void addLog(CLI::App& program);
+void addStacks(CLI::App& program);
+void addAgents(CLI::App& program);
 void addCompletion(CLI::App& program);
 
 /// Exit status 3: there is no such agent, or it does not answer.

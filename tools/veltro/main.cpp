@@ -56,6 +56,12 @@ int run(int argc, char* argv[]) {
       "Exit status: 0 done, 1 something could not be read or written, 2 the command line is\n"
       "wrong, 3 there is no such agent or it does not answer.");
   addCounters(program);
+  addTop(program);
+  addAdvise(program);
+  addTrace(program);
+  addLog(program);
+  addStacks(program);
+  addAgents(program);
   addCompletion(program);
   try {
     program.parse(argc, argv);

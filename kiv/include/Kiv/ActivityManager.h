@@ -89,6 +89,24 @@ class KIV_API Clock::Notifiee : public PtrInterface::NotifieeConst {
   bool released_ = false;  // without references since it is in the batch
 };
 
+/// One pass of the loop: nanoseconds of the real clock.
+struct Pass {
+  U64 waited;  ///< for a descriptor or a deadline
+  U64 worked;  ///< from there to the end of the pass
+  U64 lag;     ///< of the first timer called, behind its deadline; 0 when none was due
+  U32 calls;   ///< timers called and descriptors found ready
+};
+
+/// Told of each pass, for as long as somebody looks: while there is an observer a pass costs some
+/// clock reads more, without one a compare. May withdraw itself from inside onPass().
+class KIV_API PassObserver {
+ public:
+  virtual void onPass(Pass const& pass) = 0;
+
+ protected:
+  ~PassObserver() = default;
+};
+
 /// The process's event loop and its configuration. Made on first use, never destroyed. One
 /// thread at a time: the main thread's, by convention.
 class KIV_API ActivityManager final {
@@ -107,6 +125,9 @@ class KIV_API ActivityManager final {
     /// to the end of the run. Switched off, time goes on from where it is.
     void virtualTimeIs(bool on);
     bool virtualTime() const;
+    /// Borrowed until another, or null, takes its place.
+    void passObserverIs(PassObserver* observer);
+    PassObserver* passObserver() const;
 
    private:
     friend class ActivityManager;

@@ -36,6 +36,12 @@ class KIV_API FileDescriptor final : public PtrInterface {
   /// leaves it as it is). A descriptor that refuses throws ErrnoException.
   void nonBlockingIs(bool on);
 
+  /// A background descriptor is served like any other, but does not keep the loop running, and
+  /// while nothing else is watched a busy loop looks at it once a millisecond only. For those who
+  /// watch the process from outside. Set it before descriptorIs(), for a number of its own.
+  bool background() const { return background_; }
+  void backgroundIs(bool background) { background_ = background; }
+
   /// As last set.
   bool notifyOnReadable() const { return notifyOnReadable_; }
   bool notifyOnWritable() const { return notifyOnWritable_; }
@@ -62,6 +68,7 @@ class KIV_API FileDescriptor final : public PtrInterface {
   Name const name_;
   int descriptor_ = -1;
   bool nonBlocking_ = false;
+  bool background_ = false;
   bool notifyOnReadable_ = false;
   bool notifyOnWritable_ = false;
   U32 readableCount_ = 0;

@@ -2,6 +2,8 @@
 #include <deque>
 #include <iosfwd>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "Kiv/Export.h"
 #include "Kiv/Name.h"
@@ -78,6 +80,18 @@ class KIV_API TraceFacilityManager final {
   /// of the live levels. A malformed entry is noted on standard error, once in the life of the
   /// process, and skipped.
   void doReadEnvironment();
+  /// Adds one setting to those in force, and applies it: as if TRACE had ended with it, without
+  /// a touch to the environment.
+  void settingAdd(TraceSetting const& setting);
+  /// The settings in force, and every facility with its levels, in the order of their names.
+  struct State {
+    std::deque<TraceSetting> settings;
+    std::vector<std::pair<TraceFacility*, U32>> levels;
+  };
+  State state() const;
+  /// Goes back to an earlier state. A facility made since gets the levels that the settings alone
+  /// give it.
+  void stateIs(State const& state);
   /// A copy of the settings in force, in the order of TRACE.
   std::deque<TraceSetting> settings() const;
 
@@ -89,6 +103,7 @@ class KIV_API TraceFacilityManager final {
  private:
   friend class TraceHandle;
   TraceFacilityManager();
+  void _apply(std::deque<TraceSetting> const& settings);
   TraceFacility* _facility(Name name, U32 initialLevels);
   struct Impl;
   Impl* impl_;

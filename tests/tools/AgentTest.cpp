@@ -1,0 +1,199 @@
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <rapidjson/document.h>
+
+#include <algorithm>
+#include <map>
+
+#include "Veltro/LoopHealth.h"
+#include "tests/tools/RunningAgent.h"
+
+namespace Veltro {
+namespace {
+
+using rapidjson::Document;
+using rapidjson::Value;
+using testing::HasSubstr;
+using testing::Not;
+
+Document parsed(Outcome const& outcome) {
+  EXPECT_EQ(0, outcome.status) << outcome.text;
+  Document document;
+  document.Parse(outcome.text.c_str());
+  EXPECT_FALSE(document.HasParseError()) << outcome.text;
+  return document;
+}
+
+Value const& taskOf(Document const& top, std::string const& name) {
+  for (auto const& task : top["tasks"].GetArray()) {
+    if (task["name"].GetString() == name) return task;
+  }
+  throw std::runtime_error("there is no task " + name);
+}
+
+struct AgentTest : testing::Test {
+  RunningAgent agent;
+};
+
+TEST_F(AgentTest, topShowsItsTasksQueuesAndLoop) {
+  Document const top = parsed(agent.ask("top agent --once --interval 0.2 --json"));
+  struct {
+    char const* task;
+    char const* priority;
+    char const* scheduler;  // how it begins
+    bool runs;
+    bool works;
+  } const cases[] = {
+      {"poller", "low", "thread:", true, true},          {"member", "low", "inner", true, true},
+      {"TaskGroup;inner", "low", "thread:", true, true}, {"ticker", "high", "thread:", true, false},
+      {"input:read", "normal", "thread:", false, false},
+  };
+  double share = 0;
+  for (auto const& c : cases) {
+    SCOPED_TRACE(c.task);
+    Value const& task = taskOf(top, c.task);
+    EXPECT_STREQ(c.priority, task["priority"].GetString());
+    EXPECT_EQ(0u, std::string(task["scheduler"].GetString()).find(c.scheduler));
+    EXPECT_EQ(c.runs, task["runsPerSecond"].GetDouble() > 0);
+    EXPECT_EQ(c.works, task["work"].GetUint64() > 0);
+    EXPECT_EQ(20000000u, task["quantumNs"].GetUint64());
+    // What a group's task runs is its turn's too.
+    if (std::string(c.task) != "member") share += task["share"].GetDouble();
+  }
+  EXPECT_GT(share, 0.1);
+  EXPECT_LT(share, 1.01);
+  EXPECT_EQ(5u, top["queues"].Size());
+  Value const& loop = top["loop"];
+  EXPECT_GT(loop["passesPerSecond"].GetDouble(), 1);
+  for (char const* name : {"lagNs", "passNs", "events"}) {
+    SCOPED_TRACE(name);
+    Value const& figures = loop[name];
+    EXPECT_LE(figures["median"].GetUint64(), figures["p99"].GetUint64());
+    EXPECT_LE(figures["p99"].GetUint64(), figures["max"].GetUint64());
+    EXPECT_GT(figures["max"].GetUint64(), 0u);
+  }
+  Outcome const table = agent.ask("top agent --once --interval 0.05 --limit 2");
+  EXPECT_EQ(5, std::count(table.text.begin(), table.text.end(), '\n')) << table.text;
+}
+
+TEST_F(AgentTest, seesAThreadWithALoopOfItsOwn) {
+  Document const agents = parsed(agent.ask("agents --json"));
+  for (auto const& thread : agents.GetArray()) {
+    if (thread["thread"].GetUint() == thread["process"].GetUint()) continue;
+    std::string const name = thread["agent"].GetString();
+    Document const top = parsed(agent.ask("top " + name + " --once --interval 0.05 --json"));
+    EXPECT_GT(taskOf(top, "worker")["runs"].GetUint(), 0u);
+    EXPECT_TRUE(top["loop"].IsNull());
+  }
+}
+
+// Each event of the format by its phase, as a viewer would read it.
+TEST_F(AgentTest, traceIsATimeline) {
+  while (taskOf(parsed(agent.ask("top agent --once --interval 0.05 --json")), "ticker")["runs"]
+             .GetUint() < 2) {
+  }
+  Document const trace = parsed(agent.ask("trace agent"));
+  std::map<std::string, int> phases;
+  std::map<std::string, int> runs;
+  double lastEnd = 0;
+  for (auto const& event : trace["traceEvents"].GetArray()) {
+    std::string const phase = event["ph"].GetString();
+    ++phases[phase];
+    EXPECT_EQ(agent.process(), std::to_string(event["pid"].GetUint()));
+    EXPECT_EQ(agent.process(), std::to_string(event["tid"].GetUint()));
+    if (phase == "M") continue;
+    EXPECT_GT(event["ts"].GetDouble(), 0);
+    if (phase == "C") {
+      EXPECT_LE(event["args"]["tasks"].GetUint64(), 4u);
+    }
+    if (phase != "X") continue;
+    std::string const name = event["name"].GetString();
+    ++runs[name];
+    EXPECT_GE(event["dur"].GetDouble(), 0);
+    if (name == "member" || name == "TaskGroup;inner") continue;  // those nest
+    EXPECT_GE(event["ts"].GetDouble(), lastEnd - 0.002) << name;
+    lastEnd = event["ts"].GetDouble() + event["dur"].GetDouble();
+  }
+  EXPECT_EQ(2, phases["M"]);
+  EXPECT_GT(phases["i"], 0);
+  EXPECT_GT(phases["C"], 0);
+  EXPECT_EQ(4u, phases.size()) << "a phase that is not of the format";
+  for (char const* task : {"poller", "member", "TaskGroup;inner"}) EXPECT_GT(runs[task], 0) << task;
+  EXPECT_THAT(agent.ask("trace agent -o /dev/full").text, HasSubstr("cannot write /dev/full"));
+}
+
+TEST_F(AgentTest, logReadsSetsAndResetsLevels) {
+  auto const levels = [](Outcome const& outcome) {
+    return std::string(parsed(outcome)["TaskScheduler"].GetString());
+  };
+  EXPECT_EQ("0", levels(agent.ask("log agent --json")));
+  EXPECT_EQ("0,7-8", levels(agent.ask("log agent --json --set 'Task*/7-8'")));
+  while (agent.errors().find("Ran poller") == std::string::npos) std::this_thread::yield();
+  EXPECT_EQ("7-8", levels(agent.ask("log agent --json --set -TaskScheduler/0")));
+  EXPECT_EQ("0", levels(agent.ask("log agent --json --reset")));
+  Outcome const refused = agent.ask("log agent --set Task/x");
+  EXPECT_EQ(1, refused.status);
+  EXPECT_THAT(refused.text, HasSubstr("\"x\" is not a level"));
+}
+
+TEST_F(AgentTest, advises) {
+  // It stops 100 us in each run, and asks for the next: so the rule has something to see.
+  while (agent.ask("advise agent").text.find("member re-queues itself in more than half") ==
+         std::string::npos) {
+    std::this_thread::yield();
+  }
+  EXPECT_THAT(agent.ask("advise agent").text, Not(HasSubstr("ticker")));
+}
+
+TEST_F(AgentTest, saysWhoDoesNotAnswer) {
+  struct {
+    std::string command;
+    int status;
+    std::string text;
+  } const cases[] = {
+      {"top nobody", 3, "there is no agent 'nobody'"},
+      {"top --once --interval 0", 2, "--interval"},
+      {"log " + agent.process(), 0, "TaskScheduler"},
+  };
+  for (auto const& c : cases) {
+    SCOPED_TRACE(c.command);
+    Outcome const outcome = agent.ask(c.command);
+    EXPECT_EQ(c.status, outcome.status);
+    EXPECT_THAT(outcome.text, HasSubstr(c.text));
+  }
+  agent.signal(SIGSTOP);
+  Outcome const silent = agent.ask("log agent --timeout 0.2");
+  EXPECT_EQ(3, silent.status);
+  EXPECT_THAT(silent.text, HasSubstr("does not answer"));
+  agent.signal(SIGCONT);
+  EXPECT_EQ(0, agent.ask("log agent").status);
+  agent.signal(SIGKILL);
+  agent.end();
+  EXPECT_EQ(0, agent.agents());
+}
+
+// The watch on the control file must not keep either loop running.
+TEST_F(AgentTest, endsByItselfAndLeavesNothing) {
+  EXPECT_EQ(0, agent.ask("log agent").status);
+  EXPECT_EQ(7, agent.end());
+  EXPECT_THAT(agent.ask("top").text, HasSubstr("no agent lets itself be seen"));
+}
+
+TEST(LoopHealthTest, quantilesComeFromLog2Buckets) {
+  LoopHealth::Histogram histogram{};
+  histogram.buckets[0] = 50;  // zeros
+  histogram.buckets[4] = 48;  // 8 to 15
+  histogram.buckets[11] = 2;  // 1024 to 2047
+  histogram.max = 1500;
+  struct {
+    double share;
+    U64 value;
+  } const cases[] = {{0.5, 0}, {0.51, 15}, {0.98, 15}, {0.99, 1500}, {1, 1500}};
+  for (auto const& c : cases)
+    EXPECT_EQ(c.value, LoopHealth::quantile(histogram, c.share)) << c.share;
+  EXPECT_EQ(0u, LoopHealth::quantile(LoopHealth::Histogram{}, 0.99));
+}
+
+}  // namespace
+}  // namespace Veltro
