@@ -1,8 +1,9 @@
 #include "Veltro/UtilCpp.h"
 
-#include <sstream>
+#include <ios>
 
 #include "Handler.h"
+#include "ProcText.h"
 #include "ReadFile.h"
 
 namespace Veltro {
@@ -14,12 +15,6 @@ std::string procFile(pid_t pid, char const* name) {
   return "/proc/" + std::to_string(pid) + "/" + name;
 }
 
-/// What follows the tag and the blanks after it (the kernel puts a tab there).
-std::string valueAfter(std::string const& tag, std::string const& line) {
-  std::size_t const begin = line.find_first_not_of(" \t", tag.size());
-  return begin == std::string::npos ? std::string() : line.substr(begin);
-}
-
 }  // namespace
 
 std::string Util::readProcTitle(Platform::DebugHandler& handler, pid_t pid) {
@@ -29,25 +24,22 @@ std::string Util::readProcTitle(Platform::DebugHandler& handler, pid_t pid) {
     VELTRO_TRACE(handler, 1, "Util::readProcTitle() error - Couldn't access status file: " << path);
     return {};
   }
-  std::string const tag = "Name:";
-  std::istringstream lines(file.text);
-  std::string line;
-  while (std::getline(lines, line) && line.compare(0, tag.size(), tag) != 0) {
-  }
-  if (!lines) {
-    if (!file.complete) lines.setstate(std::ios::badbit);  // the process ended meanwhile
+  std::optional<std::string> const title = util::valueAfterTag(file.text, "Name:");
+  if (!title) {
+    // As a stream says it: nothing more to read; bad, for a process that ended meanwhile.
+    std::ios::iostate const state = std::ios::eofbit | std::ios::failbit |
+                                    (file.complete ? std::ios::goodbit : std::ios::badbit);
     VELTRO_TRACE(handler, 1,
                  "Util::readProcTitle() error - Couldn't find proc title for pid: "
-                     << pid << " stream state: " << lines.rdstate());
+                     << pid << " stream state: " << state);
     return {};
   }
-  std::string const title = valueAfter(tag, line);
-  if (title.empty()) {
+  if (title->empty()) {
     VELTRO_TRACE(handler, 1, "Util::readProcTitle() error - Read 0 length title for pid: " << pid);
   } else {
-    VELTRO_TRACE(handler, 5, "Util::readProcTitle() success - title: " << title);
+    VELTRO_TRACE(handler, 5, "Util::readProcTitle() success - title: " << *title);
   }
-  return title;
+  return *title;
 }
 
 std::string Util::readProcTitle(pid_t pid) { return readProcTitle(util::debug(), pid); }

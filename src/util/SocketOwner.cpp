@@ -7,6 +7,7 @@
 #include <cstring>
 #include <sstream>
 
+#include "ProcText.h"
 #include "ReadFile.h"
 #include "Veltro/Debug.h"
 #include "Veltro/DirNode.h"
@@ -19,32 +20,6 @@ constexpr char const* kSockets = "/proc/net/unix";
 
 bool isDigit(char c) { return c >= '0' && c <= '9'; }
 
-unsigned fieldCount(std::string const& text) {
-  std::istringstream fields(text);
-  std::string field;
-  unsigned count = 0;
-  while (fields >> field) ++count;
-  return count;
-}
-
-/// The field between a line's last two blanks: the inode, where a path without blanks follows it.
-struct InodeField {
-  explicit InodeField(std::string const& line) {
-    std::size_t const last = line.rfind(' ');
-    if (last == std::string::npos || last == 0) return;
-    std::size_t const before = line.rfind(' ', last - 1);
-    if (before == std::string::npos) return;
-    text = line.substr(before + 1, last - before - 1);
-    // The kernel prints six fields before it. Elsewhere it is a piece of the path, which its maker
-    // chose, or another number: in any case somebody else's inode.
-    if (fieldCount(line.substr(0, before)) == 6) {
-      inode = static_cast<U32>(std::strtoul(text.c_str(), nullptr, 10));
-    }
-  }
-  std::string text;
-  U32 inode = 0;
-};
-
 /// The inode of the first socket whose line contains `name`; 0 when there is none.
 U32 readProcNetUnix(Platform::DebugHandler& handler, std::string const& name) {
   util::FileText const file = util::readFile(kSockets);
@@ -55,14 +30,14 @@ U32 readProcNetUnix(Platform::DebugHandler& handler, std::string const& name) {
   for (std::string line; std::getline(lines, line);) {
     VELTRO_TRACE(handler, 7, "Util::readProcNetUnix() " << line);
     if (line.find(name) == std::string::npos) continue;
-    InodeField const field(line);
-    if (field.inode == 0) {
+    util::SocketInode const inode = util::socketInode(line);
+    if (inode.number == 0) {
       VELTRO_TRACE(handler, 1,
-                   "Util::readProcNetUnix() Couldn't convert inode '" << field.text << "' to U32.");
+                   "Util::readProcNetUnix() Couldn't convert inode '" << inode.text << "' to U32.");
     } else {
-      VELTRO_TRACE(handler, 5, "Util::readProcNetUnix() sockInode: " << field.inode);
+      VELTRO_TRACE(handler, 5, "Util::readProcNetUnix() sockInode: " << inode.number);
     }
-    return field.inode;
+    return inode.number;
   }
   return 0;
 }
