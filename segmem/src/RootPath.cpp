@@ -46,11 +46,14 @@ std::string under(std::string const& directory, std::string const& path) {
   return directory == "/" ? "/" + path : directory + "/" + path;
 }
 
-bool hasDotDot(std::string const& path) {
+bool hasZero(std::string const& text) { return text.find('\0') != std::string::npos; }
+
+// To the kernel a zero byte ends a name: what follows a ".." would hide it here.
+bool staysBelow(std::string const& path) {
   for (auto const& part : components(path)) {
-    if (part == "..") return true;
+    if (part == ".." || hasZero(part)) return false;
   }
-  return false;
+  return true;
 }
 
 int openDirectory(int at, char const* name, bool followLink) {
@@ -123,8 +126,8 @@ RootPath::RootPath(Veltro::Platform::DebugHandler& handler, std::string const& r
       prefix_(joined(components(prefix))),
       dirName_(joined(components(dirName))),
       fullPath_(under(under(root_, prefix_), dirName_)),
-      valid_(!root.empty() && root[0] == '/' && !hasDotDot(root) && !hasDotDot(prefix) &&
-             !hasDotDot(dirName)) {
+      valid_(!root.empty() && root[0] == '/' && staysBelow(root) && staysBelow(prefix) &&
+             staysBelow(dirName)) {
   if (!valid_) {
     VELTRO_TRACE(handler_, 1,
                  "Not a root path: root '" << root << "' prefix '" << prefix << "' dirName '"
@@ -156,7 +159,7 @@ bool RootPath::create() {
 }
 
 bool RootPath::removeFile(std::string const& name) {
-  if (!valid_ || name.empty() || name.find('/') != std::string::npos) {
+  if (!valid_ || name.empty() || name.find('/') != std::string::npos || hasZero(name)) {
     VELTRO_TRACE(handler_, 1, "Refused to remove '" << name << "' in " << fullPath_);
     return false;
   }

@@ -118,7 +118,8 @@ void* Shared::attach(Kiv::U32 length, Mode mode, bool writable, std::string cons
 }
 
 int Shared::_open(bool writable) const {
-  if (name_.empty() || name_.find('/') != std::string::npos) {
+  // A zero byte would end the name for the kernel: two names, one file.
+  if (name_.empty() || name_.find_first_of("/\0", 0, 2) != std::string::npos) {
     errno = EINVAL;
     return -1;
   }

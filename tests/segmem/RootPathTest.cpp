@@ -10,6 +10,7 @@
 #include "tests/support/TempDir.h"
 
 namespace fs = std::filesystem;
+using namespace std::string_literals;
 
 namespace Mem {
 namespace {
@@ -26,7 +27,7 @@ struct RootPathTest : testing::Test {
 
 TEST_F(RootPathTest, joinsWithSingleSlashesAndJudgesValidity) {
   struct {
-    char const *root, *prefix, *dirName, *fullPath;
+    std::string root, prefix, dirName, fullPath;
     bool valid;
   } const cases[] = {
       {"/nowhere/r", "p", "d", "/nowhere/r/p/d", true},
@@ -41,13 +42,14 @@ TEST_F(RootPathTest, joinsWithSingleSlashesAndJudgesValidity) {
       {"/nowhere/r", "p", "a/../b", "/nowhere/r/p/a/../b", false},
       {"/nowhere/r", "..", "d", "/nowhere/r/../d", false},
       {"/nowhere/..", "p", "d", "/nowhere/../p/d", false},
+      {"/nowhere/r", "p", "..\0x"s, "/nowhere/r/p/..\0x"s, false},
   };
   for (auto const& c : cases) {
-    SCOPED_TRACE(std::string(c.root) + "|" + c.prefix + "|" + c.dirName);
+    SCOPED_TRACE(c.root + "|" + c.prefix + "|" + c.dirName);
     RootPath const path(handler, c.root, c.prefix, c.dirName, false);
     EXPECT_EQ(c.fullPath, path.fullPath());
     EXPECT_EQ(c.fullPath, path.fullPath(""));
-    EXPECT_EQ(std::string(c.fullPath) + (path.fullPath() == "/" ? "x" : "/x"), path.fullPath("x"));
+    EXPECT_EQ(c.fullPath + (path.fullPath() == "/" ? "x" : "/x"), path.fullPath("x"));
     EXPECT_EQ(c.valid, path.valid());
     EXPECT_FALSE(c.valid && path.fullPath() != "/" && path.exists());
   }
@@ -86,10 +88,10 @@ TEST_F(RootPathTest, removesOneFileInItself) {
   file("p/outside");
   fs::create_directory(path.fullPath("sub"));
   struct {
-    char const* name;
+    std::string name;
     bool removed;
-  } const cases[] = {{"one", true}, {"missing", true}, {"", false}, {"../outside", false},
-                     {"..", false}, {"sub", false},    {".", false}};
+  } const cases[] = {{"one\0x"s, false},    {"one", true}, {"missing", true}, {"", false},
+                     {"../outside", false}, {"..", false}, {"sub", false},    {".", false}};
   for (auto const& c : cases) EXPECT_EQ(c.removed, path.removeFile(c.name)) << c.name;
   EXPECT_FALSE(fs::exists(path.fullPath("one")));
   EXPECT_TRUE(fs::exists(temp.path("p/outside")));

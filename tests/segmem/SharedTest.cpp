@@ -19,6 +19,7 @@
 #include "tests/support/TempDir.h"
 
 namespace fs = std::filesystem;
+using namespace std::string_literals;
 
 namespace Mem {
 namespace {
@@ -74,16 +75,23 @@ TEST_F(SharedTest, refusesWhatIsNotItsOwnFile) {
   fs::create_hard_link(temp.path("victim"), temp.path("hard link"));
   std::ofstream(temp.path("short")) << "ab";
   struct {
-    char const* name;
+    std::string name;
     bool writable, create;
     int reason;
   } const cases[] = {
-      {"link", true, true, ELOOP},       {"dangling", true, true, ELOOP},
-      {"directory", true, true, EISDIR}, {"directory", false, false, EISDIR},
-      {"fifo", true, true, EINVAL},      {"fifo", false, false, EINVAL},
-      {"hard link", true, true, EMLINK}, {"missing", true, false, ENOENT},
-      {"short", false, false, ENODATA},  {"", true, true, EINVAL},
-      {"a/b", true, true, EINVAL},       {"short/x", true, true, EINVAL},
+      {"short\0x"s, true, true, EINVAL},
+      {"link", true, true, ELOOP},
+      {"dangling", true, true, ELOOP},
+      {"directory", true, true, EISDIR},
+      {"directory", false, false, EISDIR},
+      {"fifo", true, true, EINVAL},
+      {"fifo", false, false, EINVAL},
+      {"hard link", true, true, EMLINK},
+      {"missing", true, false, ENOENT},
+      {"short", false, false, ENODATA},
+      {"", true, true, EINVAL},
+      {"a/b", true, true, EINVAL},
+      {"short/x", true, true, EINVAL},
   };
   for (auto const& c : cases) {
     EXPECT_EQ(nullptr, attach(c.name, 4096, c.writable, c.create)) << c.name;

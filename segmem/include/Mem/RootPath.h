@@ -21,8 +21,8 @@ class MEM_API RootPath final {
   RootPath(Veltro::Platform::DebugHandler& handler, std::string const& root,
            std::string const& prefix, std::string const& dirName, bool create);
 
-  /// Whether the path can be used: the root is absolute, no component is "..", and, with create,
-  /// the directory was made. A directory that is merely missing is valid. An invalid object
+  /// Whether the path can be used: the root is absolute, no component is ".." or holds a zero
+  /// byte, and, with create, the directory was made. A directory that is merely missing is valid. An invalid object
   /// creates, removes and cleans nothing.
   bool valid() const { return valid_; }
 
@@ -37,7 +37,7 @@ class MEM_API RootPath final {
   /// there afterwards.
   bool create();
   /// Removes one file in it; one that is missing counts as removed. "" and names with a slash
-  /// are refused.
+  /// or a zero byte are refused.
   bool removeFile(std::string const& name);
   /// Removes all that is in the directory, the directory, and its parents below root and prefix
   /// as far as they are empty. A link inside is removed, never followed. Refused when dirName is
