@@ -9,6 +9,7 @@
 #include <exception>
 #include <utility>
 
+#include "InotifyEvents.h"
 #include "Kiv/FileDescriptor.h"
 #include "Mem/WatchDescriptor.h"
 #include "OwnedFd.h"
@@ -160,13 +161,10 @@ void InotifyMgr::_reduceMask(int wd) const {
 
 void InotifyMgr::_dispatch(char const* events, std::size_t bytes) {
   std::exception_ptr first;
-  for (std::size_t at = 0; at + sizeof(inotify_event) <= bytes;) {
-    inotify_event event;  // copied: the buffer's alignment is not the compiler's knowledge
-    std::memcpy(&event, events + at, sizeof event);
-    std::string const name = event.len > 0 ? events + at + sizeof event : "";
-    at += sizeof event + event.len;
+  InotifyEvents parsed({events, bytes});
+  while (std::optional<InotifyEvent> const event = parsed.next()) {
     try {
-      _deliver(event.wd, event.mask, name);
+      _deliver(event->wd, event->mask, event->name);
     } catch (abi::__forced_unwind&) {
       throw;
     } catch (...) {
