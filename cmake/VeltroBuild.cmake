@@ -45,12 +45,18 @@ if(NOT VELTRO_SANITIZER)
 endif()
 set(VELTRO_SHIPPED_LINK -Wl,-z,relro -Wl,-z,now -Wl,-z,noexecstack)
 
+# A fuzz target is one program, so that it reaches the insides of the libraries too.
+set(VELTRO_LIBRARY_TYPE SHARED)
+if(VELTRO_FUZZ)
+  set(VELTRO_LIBRARY_TYPE STATIC)
+endif()
+
 # veltro_library(target NAME soname-stem VERSION_SCRIPT file): a shared library of ours, soname
 # lib<stem>.so.0, exported as KivVeltro::<target>. Installed, the libraries find each other in the
 # folder they are in (CMAKE_SKIP_INSTALL_RPATH leaves that to the system's loader).
 function(veltro_library target)
   cmake_parse_arguments(ARG "" "NAME;VERSION_SCRIPT" "" ${ARGN})
-  add_library(${target} SHARED)
+  add_library(${target} ${VELTRO_LIBRARY_TYPE})
   add_library(KivVeltro::${target} ALIAS ${target})
   set_target_properties(${target} PROPERTIES
     OUTPUT_NAME "${ARG_NAME}" VERSION ${PROJECT_VERSION} SOVERSION 0
