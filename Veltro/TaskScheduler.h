@@ -169,6 +169,7 @@ class VELTRO_API TaskScheduler : public std::enable_shared_from_this<TaskSchedul
   void _hasRunnableTasksChanged(bool runnable, TimePoint now);
   void taskForceYieldInTestNotify(TaskImpl* task, bool force);
   void handleResetStatsTaskRun();
+  void _foldDeadStats(TaskImpl const& task);
   void _runTask(TaskImpl& task, TimePoint now);
   static std::shared_ptr<_TaskBase> _lock(TaskImpl& task, TimePoint now);
 

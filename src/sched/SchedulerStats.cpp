@@ -1,4 +1,5 @@
 // The figures that a scheduler and its tasks keep: reading, folding, clearing.
+#include <new>
 #include <utility>
 
 #include "Report.h"
@@ -59,7 +60,10 @@ unsigned TaskScheduler::tasksPerPriority(TaskPriority priority) const {
 unsigned TaskScheduler::deadTasksPerPriority(TaskPriority priority) const {
   return countOf(deadTasksPerPriority_, priority);
 }
-void TaskScheduler::tasksPerPriorityInc(TaskPriority priority) { ++tasksPerPriority_[priority]; }
+void TaskScheduler::tasksPerPriorityInc(TaskPriority priority) {
+  deadTasksPerPriority_.try_emplace(priority, 0);  // a task that ends may need no memory
+  ++tasksPerPriority_[priority];
+}
 void TaskScheduler::tasksPerPriorityDec(TaskPriority priority) {
   decrement(tasksPerPriority_, priority);
 }
@@ -100,20 +104,28 @@ unsigned TaskScheduler::getDeadTaskStats(std::vector<TaskStat>* stats, bool incl
   return skipped;
 }
 
-void TaskScheduler::updateDeadTaskStats(TaskImpl* task) {
-  TaskPriority const priority = task->taskPriority();
-  if (!task->taskRegisteredLink_.isLinked() || priority.value() >= kPriorities) return;
-  TaskStat stat = task->getStats();
+void TaskScheduler::_foldDeadStats(TaskImpl const& task) {
+  TaskStat stat = task.getStats();
   VELTRO_ASSERT(schedDebug(), stat.taskDeadCount() == 0,
-                "Task: " << *task << " deadCount: " << stat.taskDeadCount());
-  unsigned const count = tasksPerPriority(priority);
-  VELTRO_ASSERT(schedDebug(), count != 0, "Task: " << *task << " tasksPerPriority: " << count);
+                "Task: " << task << " deadCount: " << stat.taskDeadCount());
   stat.taskDeadCountIs(1);
-  auto const found = deadTaskStats_.find(task->taskStatsName());
+  auto const found = deadTaskStats_.find(task.taskStatsName());
   if (found != deadTaskStats_.end()) {
     found->second += stat;
   } else {
-    deadTaskStats_.emplace(task->taskStatsName(), std::move(stat));
+    deadTaskStats_.emplace(task.taskStatsName(), std::move(stat));
+  }
+}
+
+void TaskScheduler::updateDeadTaskStats(TaskImpl* task) {
+  TaskPriority const priority = task->taskPriority();
+  if (!task->taskRegisteredLink_.isLinked() || priority.value() >= kPriorities) return;
+  unsigned const count = tasksPerPriority(priority);
+  VELTRO_ASSERT(schedDebug(), count != 0, "Task: " << *task << " tasksPerPriority: " << count);
+  try {
+    _foldDeadStats(*task);
+  } catch (std::bad_alloc const&) {
+    // Destructors get here: the figures are lost, and not the process.
   }
   tasksPerPriorityDec(priority);
   deadTasksPerPriorityInc(priority);
@@ -136,7 +148,7 @@ TaskSchedulerQueueStats TaskScheduler::queueStats() const {
 void TaskScheduler::clearStatsCommon() {
   maxSchedulerLatency_ = Nanoseconds::zero();
   deadTaskStats_.clear();
-  deadTasksPerPriority_.clear();
+  for (auto& [priority, count] : deadTasksPerPriority_) count = 0;
   for (PriorityRecord& record : records_) record.dequeuedAtClear = record.dequeued;
 }
 
