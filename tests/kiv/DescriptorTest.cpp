@@ -23,27 +23,6 @@ void looks(int count) {
   for (; count > 0; --count) runFor(0);
 }
 
-TEST(DescriptorTest, isLevelTriggered) {
-  Pair pair;
-  int reads = 0;
-  Watch watch(pair.ends[0], [&] { ++reads; });
-  pair.write();
-  looks(3);
-  EXPECT_EQ(3, reads);
-  EXPECT_EQ(3u, watch.notifier().readableCount());
-  pair.read();
-  looks(3);
-  EXPECT_EQ(3, reads);
-  watch.notifier().notifyOnReadableIs(false);
-  pair.write();
-  looks(3);
-  EXPECT_EQ(3u, watch.notifier().readableCount());
-  watch.notifier().notifyOnReadableIs(true);
-  looks(1);
-  EXPECT_EQ(4, reads);
-  EXPECT_EQ(0u, watch.notifier().writableCount());
-}
-
 TEST(DescriptorTest, waitsForWhatComesLater) {
   Pair pair;
   std::string got;
@@ -59,35 +38,6 @@ TEST(DescriptorTest, waitsForWhatComesLater) {
   EXPECT_EQ(0, System::doRun());
   EXPECT_EQ("late", got);
   ::waitpid(child, nullptr, 0);
-}
-
-TEST(DescriptorTest, hangUpCountsAsBothAndOnlyWithAnInterest) {
-  struct {
-    char const* name;
-    bool readable, writable;
-    U32 reads, writes;
-  } const cases[] = {
-      {"no interest", false, false, 0, 0},
-      {"readable", true, false, 2, 0},
-      {"writable", false, true, 0, 2},
-      {"both", true, true, 2, 2},
-  };
-  for (auto const& c : cases) {
-    SCOPED_TRACE(c.name);
-    Pair pair;
-    Watch watch(pair.ends[0], [] {});
-    watch.onWritable = [] {};
-    watch.notifier().notifyOnReadableIs(c.readable);
-    watch.notifier().notifyOnWritableIs(c.writable);
-    pair.close(1);
-    looks(2);
-    EXPECT_EQ(c.reads, watch.notifier().readableCount());
-    EXPECT_EQ(c.writes, watch.notifier().writableCount());
-    // With nothing asked for, a run has nothing to wait for: it neither spins nor hangs.
-    watch.notifier().notifyOnReadableIs(false);
-    watch.notifier().notifyOnWritableIs(false);
-    EXPECT_EQ(0, System::doRun());
-  }
 }
 
 TEST(DescriptorTest, refusesAtOnceWhatCannotBeWatched) {
@@ -406,19 +356,6 @@ TEST(DescriptorTest, whoIsCutOffComesFirst) {
   }
 }
 
-TEST(DescriptorTest, answeredExceptionsLetTheRunGoOn) {
-  Pair pair;
-  Pair second;
-  pair.write();
-  second.write();
-  Watch bad(pair.ends[0], [] { throw 1; });
-  Watch good(second.ends[0], [] {});
-  bad.answers = true;
-  looks(2);
-  EXPECT_EQ(2u, bad.notifier().readableCount());
-  EXPECT_EQ(2u, good.notifier().readableCount());
-}
-
 TEST(DescriptorTest, virtualTimeJumpsOnlyWhenNothingIsReady) {
   config().virtualTimeIs(true);
   Pair pair;
@@ -559,46 +496,6 @@ TEST(DescriptorTest, aForkedChildDoesNotDisturbTheParent) {
     EXPECT_EQ(2, s.reads);
     EXPECT_EQ(1u, s.second->notifier().readableCount());
   }
-}
-
-TEST(DescriptorTest, aForkedChildRunsALoopOfItsOwn) {
-  Pair fromParent, fromChild;
-  int reads = 0;
-  Watch watch(fromParent.ends[0], [&] {
-    ++reads;
-    fromParent.read();
-    System::doStop();
-  });
-  looks(1);
-  ::pid_t const child = ::fork();
-  if (child == 0) {
-    Pair own;
-    bool heard = false;
-    Watch mine(own.ends[0], [&] { heard = true; });
-    own.write();
-    watch.notifier().notifyOnReadableIs(false);
-    looks(2);
-    fromChild.write();  // now the parent's turn, while this loop goes on
-    Watch end(fromChild.ends[1], [] { System::doStop(); });
-    mine.notifier().descriptorIs(-1);
-    System::doRun();
-    ::_exit(heard && reads == 0 ? 0 : 1);
-  }
-  bool ready = false;
-  Watch answer(fromChild.ends[0], [&] {
-    ready = true;
-    fromChild.read();
-    System::doStop();
-  });
-  System::doRun();
-  EXPECT_TRUE(ready);
-  fromParent.write();
-  System::doRun();
-  EXPECT_EQ(1, reads);
-  EXPECT_EQ(1, ::write(fromChild.ends[0], "x", 1));
-  int status = -1;
-  ::waitpid(child, &status, 0);
-  EXPECT_EQ(0, status);
 }
 
 TEST(DescriptorTest, theSetSurvivesClosingAllDescriptors) {

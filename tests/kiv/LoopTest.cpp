@@ -57,37 +57,6 @@ TEST_F(LoopTest, callsInOrderOfDeadlineThenArming) {
   }
 }
 
-TEST_F(LoopTest, armingAgainReplaces) {
-  struct {
-    char const* name;
-    std::vector<double> delays;  // of b; a and c stand at 1 and 3
-    char const* order;
-  } const cases[] = {
-      {"earlier", {4, 2}, "abc"},
-      {"later", {2, 4}, "acb"},
-      {"later, then between", {0.5, 4, 2}, "abc"},
-      {"behind an equal one", {0.5, 3}, "acb"},
-      {"to the same time, behind an equal one", {3, 3}, "acb"},
-      {"now", {4, 0}, "bac"},
-      {"from now to later", {0, 2}, "abc"},
-      {"disarmed", {2, kInfinity}, "ac"},
-      {"disarmed when due", {0, kInfinity}, "ac"},
-      {"disarmed and armed", {2, kInfinity, 0.5}, "bac"},
-  };
-  for (auto const& c : cases) {
-    SCOPED_TRACE(c.name);
-    calls.clear();
-    timers.clear();
-    double const base = System::currentTime();
-    timer('a', base + 1);
-    Timer& b = timer('b', base + c.delays.front());
-    timer('c', base + 3);
-    for (double delay : c.delays) b.timeMinIs(base + delay);
-    EXPECT_EQ(0, System::doRun());
-    EXPECT_EQ(c.order, calls);
-  }
-}
-
 TEST_F(LoopTest, deadlineStandsDuringTheCallAndGoesWithIt) {
   Timer a;
   a.timeMinIs(start + 5);
@@ -99,44 +68,6 @@ TEST_F(LoopTest, deadlineStandsDuringTheCallAndGoesWithIt) {
   a.timeMinIs(start + 6);
   System::doRun();
   EXPECT_EQ(4, a.calls);
-}
-
-TEST_F(LoopTest, zeroDelayWaitsForTheNextPass) {
-  timer('a', start, [&] {
-    if (calls.size() < 8) timers[0]->timeMinIsNow();
-  });
-  timer('b', start, [&] {
-    if (calls.size() < 8) timers[1]->timeMinIs(System::currentTime());
-  });
-  timer('c', start);
-  System::doRun();
-  EXPECT_EQ("abcababab", calls);
-}
-
-TEST_F(LoopTest, zeroDelaysStarveNoDescriptorAndNoTimer) {
-  constexpr int kPassesPerLook = 256;  // the bound that README.md states
-  config().virtualTimeIs(false);
-  Pair pair;
-  int passes = 0;
-  Timer busy([&] {
-    ++passes;
-    busy.timeMinIsNow();
-  });
-  busy.timeMinIsNow();
-  int served = 0;
-  int longest = 0;
-  Watch watch(pair.ends[0], [&] {
-    longest = std::max(longest, std::exchange(passes, 0));
-    if (++served == 20) System::doStop();
-  });
-  pair.write();
-  System::doRun();
-  EXPECT_EQ(20, served);
-  EXPECT_GE(kPassesPerLook, longest);
-  pair.read();
-  Timer& late = timer('t', System::currentTime() + 0.001, [] { System::doStop(); });
-  System::doRun();
-  EXPECT_EQ(1, late.calls);
 }
 
 TEST_F(LoopTest, membersOfTheBatchMayBeChangedBeforeTheirTurn) {
@@ -224,49 +155,6 @@ TEST_F(LoopTest, aReferenceTakenInTheOrphansCallKeepsIt) {
   EXPECT_EQ(2, b->calls);
 }
 
-TEST_F(LoopTest, exceptionsLeaveTheRunOnlyUnanswered) {
-  enum class Answer { yes, no, throwsAnew, destroyed };
-  struct {
-    char const* name;
-    Answer answer;
-    char const* thrown;
-    char const* inFirstRun;
-  } const cases[] = {
-      {"answered", Answer::yes, "", "abc"},
-      {"unanswered: the rest comes with the next run", Answer::no, "b", "ab"},
-      {"what the answer throws goes out instead", Answer::throwsAnew, "anew", "ab"},
-      {"nobody left to ask", Answer::destroyed, "b", "ab"},
-  };
-  for (auto const& c : cases) {
-    SCOPED_TRACE(c.name);
-    calls.clear();
-    timers.clear();
-    timer('a', start);
-    Timer& b = timer('b', start, [&] {
-      if (c.answer == Answer::destroyed) timers[1].reset();
-      throw std::runtime_error("b");
-    });
-    timer('c', start);
-    Timer& d = timer('d');
-    if (c.answer == Answer::yes) {
-      b.onException = [] { EXPECT_THROW(throw, std::runtime_error); };
-    } else if (c.answer == Answer::throwsAnew) {
-      b.onException = [] { throw std::runtime_error("anew"); };
-    }
-    std::string thrown;
-    try {
-      System::doRun();
-    } catch (std::runtime_error const& e) {
-      thrown = e.what();
-    }
-    EXPECT_EQ(c.thrown, thrown);
-    EXPECT_EQ(c.inFirstRun, calls);
-    d.timeMinIs(start - 1);  // earlier than c, but c's turn had come
-    EXPECT_EQ(0, System::doRun());
-    EXPECT_EQ("abcd", calls);
-  }
-}
-
 TEST_F(LoopTest, whoAnswersMayArmAnew) {
   Timer a([&] {
     if (a.calls == 1) throw 1;
@@ -278,20 +166,6 @@ TEST_F(LoopTest, whoAnswersMayArmAnew) {
   a.timeMinIs(start);
   EXPECT_EQ(0, System::doRun());
   EXPECT_EQ(2, a.calls);
-}
-
-TEST_F(LoopTest, aTimerThatThrowsInEveryRunStarvesNoDescriptor) {
-  Pair pair;
-  pair.write();
-  int reads = 0;
-  Watch watch(pair.ends[0], [&] { ++reads; });
-  Timer bad([&] {
-    bad.timeMinIsNow();
-    throw 1;
-  });
-  bad.timeMinIsNow();
-  for (int i = 0; i < 6; ++i) EXPECT_THROW(System::doRun(), int);
-  EXPECT_LE(5, reads);
 }
 
 TEST_F(LoopTest, stopEndsThisRunOrTheNext) {
@@ -358,21 +232,6 @@ TEST_F(LoopTest, executionTimeHoldsForOneRun) {
   EXPECT_EQ(kInfinity, config().executionTime());
 }
 
-TEST_F(LoopTest, aFiniteRunEndsUnderEndlessWork) {
-  config().virtualTimeIs(false);
-  Timer busy([&] { busy.timeMinIsNow(); });
-  busy.timeMinIsNow();
-  double const base = System::currentTime();
-  EXPECT_EQ(0, runFor(0.002));
-  EXPECT_LE(base + 0.002, System::currentTime());
-}
-
-TEST_F(LoopTest, nothingToDoReturnsAtOnce) {
-  Pair pair;
-  Watch uninterested(pair.ends[0]);
-  EXPECT_EQ(0, System::doRun());
-}
-
 TEST_F(LoopTest, timeNeverGoesBack) {
   double latest = start;
   auto const look = [&](double seconds) {
@@ -394,151 +253,6 @@ TEST_F(LoopTest, timeNeverGoesBack) {
     look(1e-6);
   }
   EXPECT_LT(1e18, latest);
-}
-
-TEST_F(LoopTest, delaysAreRightAfterVirtualTime) {
-  runFor(1e6);
-  config().virtualTimeIs(false);
-  Timer& a = timer('a', System::currentTime() + 1e-3);
-  System::doRun();
-  EXPECT_EQ(1, a.calls);
-  EXPECT_EQ(0, a.early);
-}
-
-TEST_F(LoopTest, realDelaysAreNeverEarly) {
-  config().virtualTimeIs(false);
-  for (int i = 1; i < 200; ++i) {
-    Timer& a = timer('a', System::currentTime() + 1.37e-7 * i * i);
-    System::doRun();
-    ASSERT_EQ(1, a.calls);
-    ASSERT_EQ(0, a.early);
-  }
-}
-
-/// The rules of Kiv/ActivityManager.h said once more, as slowly as they can be.
-class Walk {
- public:
-  explicit Walk(unsigned seed) : random_(seed) {
-    for (int i = 0; i < 40; ++i) _create();
-  }
-
-  void steps(int count) {
-    for (int i = 0; i < count && !testing::Test::HasFailure(); ++i) {
-      grid_ = _latest();
-      for (unsigned changes = _below(20); changes != 0; --changes) _change(_any());
-      try {
-        _below(3) == 0 ? System::doRun() : runFor(1e-3 * _below(20));
-      } catch (int) {
-      }
-    }
-    quiet_ = true;
-    System::doRun();
-    for (auto const& node : nodes_) EXPECT_EQ(kInfinity, node.deadline);
-    EXPECT_LT(count, calls_);
-  }
-
- private:
-  struct Node {
-    std::unique_ptr<Timer> timer;
-    double deadline = kInfinity;
-    long armed = 0;
-    bool inBatch = false;
-  };
-  unsigned _below(unsigned n) { return static_cast<unsigned>(random_()) % n; }
-  Node& _any() { return nodes_[_below(static_cast<unsigned>(nodes_.size()))]; }
-  double _latest() const { return config().clock()->latestTime(); }
-
-  void _create() {
-    nodes_.emplace_back();
-    _fill(nodes_.back());
-  }
-  void _fill(Node& node) {
-    node.timer = std::make_unique<Timer>();
-    // No currentTime() here: the model knows the time of the batch by latestTime().
-    node.timer->onTime_ = [this, &node] { _called(node); };
-  }
-
-  void _change(Node& node) {
-    switch (_below(8)) {
-      case 0:
-        return _arm(node, kInfinity);
-      case 1:
-        _remove(node);
-        return _fill(node);
-      case 2:
-        node.timer->timeMinIsNow();
-        return _note(node, _latest());
-      case 3:
-        return _arm(node, _latest() - 1e-3 * _below(4));
-      default:
-        return _arm(node, grid_ + 1e-3 * _below(40));
-    }
-  }
-  void _arm(Node& node, double deadline) {
-    node.timer->timeMinIs(deadline);
-    _note(node, deadline);
-  }
-  void _note(Node& node, double deadline) {
-    if (deadline < kInfinity) node.inBatch = false;
-    node.deadline = deadline;
-    node.armed = ++armings_;
-  }
-  void _remove(Node& node) {
-    node.timer.reset();
-    node.deadline = kInfinity;
-    node.inBatch = false;
-    for (auto*& each : batch_) {
-      if (each == &node) each = nullptr;
-    }
-  }
-
-  void _takeBatch() {
-    batch_.clear();
-    for (auto& node : nodes_) {
-      if (node.deadline <= _latest()) {
-        node.inBatch = true;
-        batch_.push_back(&node);
-      }
-    }
-    std::sort(batch_.begin(), batch_.end(), [](Node const* a, Node const* b) {
-      return a->deadline != b->deadline ? a->deadline < b->deadline : a->armed < b->armed;
-    });
-  }
-  void _called(Node& node) {
-    ++calls_;
-    auto const gone = [](Node const* each) { return each == nullptr || !each->inBatch; };
-    batch_.erase(std::remove_if(batch_.begin(), batch_.end(), gone), batch_.end());
-    if (batch_.empty()) _takeBatch();
-    ASSERT_FALSE(batch_.empty());
-    ASSERT_EQ(batch_.front(), &node);
-    ASSERT_EQ(node.deadline, node.timer->timeMin());
-    batch_.erase(batch_.begin());
-    node.inBatch = false;
-    node.deadline = kInfinity;
-    if (quiet_) return;
-    for (unsigned i = _below(4); i != 0; --i) {
-      Node& other = _any();
-      if (&other != &node) _change(other);
-    }
-    if (_below(3) == 0) _arm(node, _below(2) == 0 ? _latest() : grid_ + 1e-3 * _below(40));
-    if (_below(16) == 0) System::doStop();
-    if (_below(16) == 0) throw 1;
-  }
-
-  std::mt19937 random_;
-  double grid_ = 0;         // few different deadlines, so that many are equal
-  std::deque<Node> nodes_;  // they stay where they are
-  std::vector<Node*> batch_;
-  long armings_ = 0;
-  int calls_ = 0;
-  bool quiet_ = false;
-};
-
-TEST_F(LoopTest, randomWalkAgreesWithTheModel) {
-  for (unsigned seed = 1; seed <= 20 && !HasFailure(); ++seed) {
-    SCOPED_TRACE("seed " + std::to_string(seed));
-    Walk(seed).steps(2000);
-  }
 }
 
 }  // namespace

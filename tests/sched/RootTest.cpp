@@ -72,41 +72,6 @@ std::shared_ptr<DoTimer> makeTimer(std::string const& name, DoTimer::Work work) 
                                    std::move(work));
 }
 
-TEST_P(RootTest, neitherTimersNorDescriptorsStarveBehindBusyTasks) {
-  run([] {
-    SocketPair pair;
-    unsigned runs = 0, reads = 0, fires = 0;
-    auto const done = [&] { return reads >= 3 && fires >= 3; };
-    auto const busy = makeTask("busy", [&](DoTask& self) {
-      if (++runs < 100000000 && !done()) self.scheduleTask();
-    });
-    auto const timer = makeTimer("timer", [&](DoTimer& self) {
-      if (++fires < 3) self.scheduleTaskDelay(1ms);
-    });
-    Channel channel("channel");
-    channel.taskWatchReadableIs(true);
-    channel.taskWatchFdIs(pair.fd[0]);
-    EXPECT_EQ(pair.fd[0], channel.taskWatchFd());
-    channel.onRead = [&] {
-      EXPECT_EQ('x', pair.receive());
-      if (++reads < 3) {
-        pair.send();
-      } else {
-        channel.taskWatchReadableIs(false);
-      }
-    };
-    // Owned elsewhere: the scheduler needs a shared owner only while it runs the task.
-    std::shared_ptr<Channel> const owner(&channel, [](Channel*) {});
-    pair.send();
-    busy->scheduleTask();
-    timer->scheduleTaskDelay(0.001);
-    Platform::doEventLoop();
-    EXPECT_EQ(3u, reads);
-    EXPECT_EQ(3u, fires);
-    EXPECT_LT(runs, 100000000u);
-  });
-}
-
 // The whole road through the loop, for long: what leaks a little shows, and so does an allocation.
 TEST(EnduranceTest, tenMillionRunsLeaveMemoryFlat) {
 #if defined(__SANITIZE_THREAD__)
@@ -133,26 +98,6 @@ TEST(EnduranceTest, tenMillionRunsLeaveMemoryFlat) {
   EXPECT_GE(runs, kRuns);
   EXPECT_GT(timer->taskRunCount(), 10u);
   EXPECT_EQ(warm, allocations());
-}
-
-TEST_P(RootTest, timersFireInOrderAndNeverEarly) {
-  run([] {
-    std::string order;
-    std::vector<std::shared_ptr<DoTimer>> timers;
-    for (int ms : {7, 3, 5, 1}) {
-      auto const before = std::chrono::steady_clock::now();
-      timers.push_back(makeTimer("t", [&order, ms, before](DoTimer&) {
-        order += std::to_string(ms);
-        EXPECT_GE(std::chrono::steady_clock::now() - before, std::chrono::milliseconds(ms));
-      }));
-      timers.back()->scheduleTaskDelay(std::chrono::milliseconds(ms));
-    }
-    auto const stopped = makeTimer("stopped", [&](DoTimer&) { order += "!"; });
-    stopped->scheduleTaskDelay(2ms);
-    stopped->stopTimerTask();
-    Platform::doEventLoop();
-    EXPECT_EQ("1357", order);
-  });
 }
 
 TEST_P(RootTest, rootOperationsOfTimers) {
@@ -221,23 +166,6 @@ TEST_P(RootTest, aDescriptorIsWatchedAsTheTaskSays) {
     EXPECT_EQ("99 == " + std::to_string(first.fd[0]),
               assertionOf([&] { channel->fdNotifiee()->readFdEvent(99); }));
     EXPECT_THAT(assertionOf([&] { channel->fdNotifiee()->writeFdEvent(98); }), HasSubstr("98 == "));
-  });
-}
-
-TEST_P(RootTest, anExceptionLeavesTheLoopAndTheNextLoopGoesOn) {
-  run([] {
-    unsigned runs = 0;
-    auto const thrower = makeTask("thrower", [](DoTask&) { throw RuntimeException("x"); });
-    auto const other = makeTask("other", [&](DoTask&) { ++runs; });
-    auto const group = TaskGroup::TaskGroupIs("g", TaskPriority::high, true, schedulerRootVeltro());
-    auto const inner = std::make_shared<DoTask>(group, TaskPriority::high, "inner",
-                                                [](DoTask&) { throw RuntimeException("y"); });
-    for (auto const& task : {thrower, other, inner}) task->scheduleTask();
-    EXPECT_THROW(Platform::doEventLoop(1), RuntimeException);
-    EXPECT_THROW(Platform::doEventLoop(1), RuntimeException);
-    Platform::doEventLoop(0.001);
-    EXPECT_EQ(1u, runs);
-    EXPECT_FALSE(schedulerRootVeltro()->schedulerHasRunnableTasks());
   });
 }
 

@@ -156,6 +156,18 @@ TEST_F(SchedulerTest, resettingInSlicesReachesEveryTask) {
   EXPECT_TRUE(watch.expired());
 }
 
+// The scheduler owns its reset task, which therefore does not keep the scheduler alive.
+TEST_F(SchedulerTest, theLastOwnerMayGoWhileFiguresAreReset) {
+  auto last = make("last");
+  ManualRoot* const plain = root.get();
+  std::weak_ptr<ManualRoot> const watch = root;
+  last->onReset = [&] { last.reset(); };
+  root->resetStats();
+  root.reset();
+  plain->turn();
+  EXPECT_TRUE(watch.expired());
+}
+
 TEST_F(SchedulerTest, clearStatsReachesAllAtOnce) {
   std::vector<std::shared_ptr<DoTask>> tasks;
   for (int i = 0; i < 3; ++i) {

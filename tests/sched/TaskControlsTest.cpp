@@ -54,47 +54,6 @@ struct TaskControlsTest : SchedTest {
   }
 };
 
-TEST_F(TaskControlsTest, callbackIsPendingFromRequestToRun) {
-  EXPECT_FALSE(callback->pendingCallback());
-  callback->requestCallback();
-  callback->requestCallback();
-  EXPECT_TRUE(callback->pendingCallback());
-  callback->cancelCallback();
-  EXPECT_FALSE(callback->pendingCallback());
-  runAll();
-  EXPECT_EQ(Calls(), handler.take());
-
-  callback->requestCallback();
-  handler.action = [&] {
-    EXPECT_FALSE(callback->pendingCallback());
-    if (handler.calls.size() == 1) callback->requestCallback();
-  };
-  runAll();
-  EXPECT_EQ((Calls{"callback", "callback"}), handler.take());
-}
-
-TEST_F(TaskControlsTest, timerQueuesItsCallWhenItExpires) {
-  double const never = std::numeric_limits<double>::infinity();
-  EXPECT_EQ(never, timer->remainingTimeout());
-  timer->setTimeout(2.5);
-  EXPECT_EQ(2.5, timer->remainingTimeout());
-  timer->setTimeout(never);
-  EXPECT_EQ(never, timer->remainingTimeout());
-
-  timer->setTimeout(1);
-  root->fire(timerTask());
-  EXPECT_EQ(never, timer->remainingTimeout());
-  timer->delTimeout();
-  runAll();
-  EXPECT_EQ(Calls(), handler.take());
-
-  handler.action = [&] { timer->setTimeout(3); };
-  timer->setTimeout(0);
-  runAll();
-  EXPECT_EQ(Calls{"timeout"}, handler.take());
-  EXPECT_EQ(3, timer->remainingTimeout());
-}
-
 TEST_F(TaskControlsTest, descriptorEventsCallTheHandlerWithTheDescriptor) {
   fd->setFd(7);
   EXPECT_EQ(7, fd->getFd());
@@ -125,60 +84,6 @@ TEST_F(TaskControlsTest, urgentHandlersComeFirst) {
   EXPECT_EQ((Calls{"timeout", "callback", "read 7"}), handler.take());
   EXPECT_EQ("timer", timerTask().taskName());
   EXPECT_EQ("fd", fdTask().taskName());
-}
-
-// Thrown after the handler has taken the descriptor off, which it is still told.
-TEST_F(TaskControlsTest, exceptionsAreOfferedToTheHandler) {
-  struct {
-    char const* event;
-    std::function<void()> trigger;
-    char const* exception;
-  } const cases[] = {
-      {"timeout", [&] { timer->setTimeout(0); }, "exception timeout"},
-      {"callback", [&] { callback->requestCallback(); }, "exception callback"},
-      {"read 7", [&] { fdTask().handleReadable(); }, "exception 7"},
-      {"write 7", [&] { fdTask().handleWritable(); }, "exception 7"},
-  };
-  fd->setReads(true);
-  fd->setWrites(true);
-  handler.action = [&] {
-    fd->delFd();
-    throw std::runtime_error("out of the handler");
-  };
-  for (auto const& c : cases) {
-    for (bool const answer : {true, false}) {
-      SCOPED_TRACE(c.event);
-      handler.answer = answer;
-      fd->setFd(7);
-      c.trigger();
-      if (answer) {
-        EXPECT_NO_THROW(runAll());
-      } else {
-        EXPECT_THROW(runAll(), std::runtime_error);
-      }
-      EXPECT_EQ((Calls{c.event, c.exception}), handler.take());
-      EXPECT_NO_THROW(runAll());
-      EXPECT_EQ(Calls(), handler.take());
-    }
-  }
-}
-
-TEST_F(TaskControlsTest, releasedInsideItsHandlerItIsNotRunAgain) {
-  handler.action = [&] {
-    timer->setTimeout(1);
-    timer.reset();
-    callback->requestCallback();
-    callback.reset();
-    fd.reset();
-  };
-  fd->setFd(7);
-  fd->setReads(true);
-  fdTask().handleReadable();
-  callback->requestCallback();
-  timer->setTimeout(0);
-  runAll();
-  EXPECT_EQ(Calls{"timeout"}, handler.take());
-  EXPECT_EQ(0u, root->registeredTaskCount());
 }
 
 // It may have gone with its control: nobody to ask, so the exception goes on.

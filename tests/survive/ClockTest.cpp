@@ -3,7 +3,9 @@
 #include <sys/prctl.h>
 #include <ucontext.h>
 
+#include <algorithm>
 #include <csignal>
+#include <deque>
 #include <vector>
 
 #include "Kiv/TimeStampCounter.h"
@@ -109,6 +111,39 @@ TYPED_TEST(ClockTest, stepsOfTheWallClockMoveNoDeadline) {
       EXPECT_GT(1000u, s.outside.calls[Outside::epollWait]);
     }
   });
+}
+
+// The main thread's libevent timers under its fast forward: all due, by deadline, once, also where
+// an exception cuts the run and the next one forwards what is left again.
+TEST(LibeventFastForwardTest, keepsTheOrderOverRunsThatAreCut) {
+  constexpr int kTimers = 60;
+  Outside outside;
+  leInit();
+  setLeFastForward(true);
+  std::vector<int> order;
+  std::deque<Timeout> handlers;
+  std::vector<std::shared_ptr<Platform::TimerControl>> timers;
+  for (int i = 0; i < kTimers; ++i) {
+    int const rank = i * 37 % kTimers;
+    handlers.emplace_back([&order, rank] {
+      order.push_back(rank);
+      if (rank % 7 == 3) throw rank;
+    });
+    timers.push_back(getLeTimerControl(&handlers.back()));
+    timers.back()->setTimeout(100 + rank * 0.75);
+  }
+  for (unsigned runs = 0; runs < 2 * kTimers && order.size() < kTimers; ++runs) {
+    try {
+      doLeEventLoop();
+    } catch (int) {
+    }
+  }
+  ASSERT_EQ(static_cast<std::size_t>(kTimers), order.size());
+  EXPECT_TRUE(std::is_sorted(order.begin(), order.end()));
+  EXPECT_GT(100, outside.seconds()) << "waited";
+  setLeFastForward(false);
+  timers.clear();
+  leFree();
 }
 
 // The processor's counter, as a virtual machine may show it: its instruction is made to fault, and

@@ -420,7 +420,7 @@ TYPED_TEST_SUITE(WalkTest, Backends, );
 // WALK_SEED replays one walk; WALK_STEPS makes all of them longer.
 TYPED_TEST(WalkTest, agreesWithTheModel) {
   constexpr unsigned kStepsAWalk = 2000;
-  unsigned const steps = fromEnvironment("WALK_STEPS", 340000);
+  unsigned const steps = fromEnvironment("WALK_STEPS", 1000000);
   unsigned const only = fromEnvironment("WALK_SEED", 0);
   TypeParam::run([&] {
     unsigned taken = 0;

@@ -1,0 +1,95 @@
+// docs/promises.md names for each promise the tests that keep it: they exist.
+#include <gtest/gtest.h>
+
+#include <signal.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <regex>
+#include <sstream>
+
+#include "Veltro/TimerTask.h"
+#include "tests/platform/Backends.h"
+
+namespace {
+
+std::string contents(std::string const& path) {
+  std::ifstream file(path);
+  std::ostringstream text;
+  text << file.rdbuf();
+  return text.str();
+}
+
+TEST(PromisesTest, everyLinkLeadsToATest) {
+  std::string const root = VELTRO_SOURCE_DIR;
+  std::string const promises = contents(root + "/docs/promises.md");
+  // [Suite.test](../tests/room/File.cpp)
+  std::regex const link(R"(\[(\w+)\.(\w+)\]\(\.\./([\w/.]+)\))");
+  unsigned count = 0;
+  for (std::sregex_iterator it(promises.begin(), promises.end(), link), end; it != end; ++it) {
+    std::string const suite = (*it)[1], test = (*it)[2], path = (*it)[3];
+    std::regex const definition("(TEST|TEST_F|TEST_P|TYPED_TEST)\\(" + suite + ", " + test + "\\)");
+    EXPECT_TRUE(std::regex_search(contents(root + "/" + path), definition)) << (*it)[0];
+    ++count;
+  }
+  std::regex const promise("\n- \\*\\*");
+  auto const promised = std::distance(
+      std::sregex_iterator(promises.begin(), promises.end(), promise), std::sregex_iterator());
+  EXPECT_LE(14, promised);
+  EXPECT_LE(promised, static_cast<std::ptrdiff_t>(count)) << "one without a test";
+}
+
+// Using loops, tasks and controls asks the system for nothing unasked.
+TEST(PromisesTest, noSignalPortOrThreadUnlessAskedFor) {
+  namespace fs = std::filesystem;
+  auto const entries = [](char const* path) {
+    return std::distance(fs::directory_iterator(path), fs::directory_iterator());
+  };
+  struct sigaction before[NSIG] {};
+  for (int i = 1; i < NSIG; ++i) ::sigaction(i, nullptr, &before[i]);
+  sigset_t blocked;
+  ::pthread_sigmask(SIG_SETMASK, nullptr, &blocked);
+  auto const threads = entries("/proc/self/task");
+
+  struct Job final : Veltro::TimerTask {
+    using TimerTask::TimerTask;
+    void taskExecute() override {}
+  };
+  auto const job =
+      std::make_shared<Job>(Veltro::schedulerRootVeltro(), Veltro::TaskPriority::normal, "job");
+  job->scheduleTaskDelay(0.001);
+  Veltro::FdEvents events;
+  auto const fd = Veltro::Platform::getFdControl(&events);
+  fd->setReads(true);
+  int ends[2];
+  ASSERT_EQ(0, ::pipe(ends));
+  fd->setFd(ends[0]);
+  fd->delFd();
+  for (int const end : ends) ::close(end);
+  Veltro::Platform::doEventLoop();
+  Veltro::leInit();
+  Veltro::doLeEventLoop(0.001);
+
+  EXPECT_EQ(1u, job->taskRunCount());
+  EXPECT_EQ(threads, entries("/proc/self/task"));
+  for (int i = 1; i < NSIG; ++i) {
+    struct sigaction now {};
+    ::sigaction(i, nullptr, &now);
+    EXPECT_EQ(before[i].sa_handler, now.sa_handler) << "signal " << i;
+  }
+  sigset_t blockedNow;
+  ::pthread_sigmask(SIG_SETMASK, nullptr, &blockedNow);
+  EXPECT_EQ(0, std::memcmp(&blocked, &blockedNow, sizeof blocked));
+  for (auto const& entry : fs::directory_iterator("/proc/self/fd")) {
+    std::error_code gone;  // the walk's own descriptor
+    std::string const target = fs::read_symlink(entry.path(), gone).string();
+    if (std::stoi(entry.path().filename().string()) > 2) {
+      EXPECT_EQ(std::string::npos, target.find("socket:")) << "libevent or ours: " << target;
+    }
+  }
+  Veltro::leFree();
+}
+
+}  // namespace
