@@ -85,7 +85,8 @@ int LibeventTimerControl::_add(LibeventThread& thread, double seconds) {
   if (!(seconds > 0)) return addNow(thread, timerEvent_);
   timeval delay = toDelay(seconds);
   double const rest = seconds - static_cast<double>(delay.tv_sec);
-  beyond_ = rest < 1 ? 0 : rest;
+  bool const whole = rest - static_cast<double>(delay.tv_usec) / 1000000 < 1e-6;
+  beyond_ = whole ? 0 : rest;
   startFromNow(thread.base, delay);
   return event_add(&timerEvent_, &delay);
 }
