@@ -62,7 +62,7 @@ TYPED_TEST(ClockTest, delaysFireOnTimeAndNeverEarly) {
           EXPECT_NEAR(c.seconds, a.control->remainingTimeout(), 2);
         }
       }
-      Platform::doEventLoop(c.elapsed < infinity ? c.elapsed + 1 : 1e7);
+      Platform::doEventLoop(c.elapsed < infinity ? c.elapsed + 1 : 1e5);
       EXPECT_GE(fired + 1e-9, c.elapsed);
       // libevent waits in milliseconds, and for what it has a clock for.
       if (c.elapsed < infinity) {

@@ -49,7 +49,7 @@ TEST(PromisesTest, noSignalPortOrThreadUnlessAskedFor) {
   };
   struct sigaction before[NSIG] {};
   for (int i = 1; i < NSIG; ++i) ::sigaction(i, nullptr, &before[i]);
-  sigset_t blocked;
+  sigset_t blocked{};
   ::pthread_sigmask(SIG_SETMASK, nullptr, &blocked);
   auto const threads = entries("/proc/self/task");
 
@@ -79,7 +79,7 @@ TEST(PromisesTest, noSignalPortOrThreadUnlessAskedFor) {
     ::sigaction(i, nullptr, &now);
     EXPECT_EQ(before[i].sa_handler, now.sa_handler) << "signal " << i;
   }
-  sigset_t blockedNow;
+  sigset_t blockedNow{};
   ::pthread_sigmask(SIG_SETMASK, nullptr, &blockedNow);
   EXPECT_EQ(0, std::memcmp(&blocked, &blockedNow, sizeof blocked));
   for (auto const& entry : fs::directory_iterator("/proc/self/fd")) {
