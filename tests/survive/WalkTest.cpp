@@ -107,8 +107,8 @@ class Walk {
     explicit Actor(Walk& w) : walk(w) {}
     void timeout() override { walk._called(*this); }
     void callback() override { walk._called(*this); }
-    void readFdEvent(int fd) override { walk._ready(*this, fd, reads, "read"); }
-    void writeFdEvent(int fd) override { walk._ready(*this, fd, writes, "write"); }
+    void readFdEvent(int fd) override { walk._ready(*this, fd, reads, readsCleared); }
+    void writeFdEvent(int fd) override { walk._ready(*this, fd, writes, writesCleared); }
     bool handleTimeoutException() override { return answers; }
     bool handleCallbackException() override { return answers; }
     bool handleFdException(int) override { return answers; }
@@ -126,7 +126,8 @@ class Walk {
     bool placeUnknown = false;
     std::int64_t dueNs = 0;
     unsigned long sequence = 0;
-    bool reads = false, writes = false, suspended = false;  // suspended: by clearEvents()
+    bool reads = false, writes = false;
+    bool readsCleared = false, writesCleared = false;  // by clearEvents(), until set again
     int bound = -1;
     unsigned calls = 0;
   };
@@ -260,23 +261,23 @@ class Walk {
       case 0:
       case 1:
         actor.reads = _below(3) != 0;
-        if (actor.reads) actor.suspended = false;
+        if (actor.reads) actor.readsCleared = false;
         return control.setReads(actor.reads);
       case 2:
         actor.writes = _below(3) == 0;
-        if (actor.writes) actor.suspended = false;
+        if (actor.writes) actor.writesCleared = false;
         return control.setWrites(actor.writes);
       case 3:
         control.delFd();
         actor.bound = -1;
-        return _forget(actor);
+        return _cleared(actor);
       case 4:
         control.clearEvents();
-        return _forget(actor);
+        return _cleared(actor);
       case 5:
       case 6:
         actor.bound = socket.ends[0];
-        actor.suspended = false;
+        actor.readsCleared = actor.writesCleared = false;
         control.setFd(actor.bound);
         // What clearEvents() leaves of the interests differs; from here on they are alike again.
         control.setReads(actor.reads);
@@ -288,7 +289,7 @@ class Walk {
         if (::write(socket.ends[1], "x", 1) != 1) return;
     }
   }
-  void _forget(Actor& actor) { actor.suspended = true; }
+  static void _cleared(Actor& actor) { actor.readsCleared = actor.writesCleared = true; }
 
   /// A timer's or callback's turn.
   void _called(Actor& actor) {
@@ -315,12 +316,12 @@ class Walk {
     return Backend::kTiesInOrder && a.sequence < b.sequence;
   }
 
-  void _ready(Actor& actor, int fd, bool interest, char const* what) {
+  void _ready(Actor& actor, int fd, bool interest, bool cleared) {
     ++steps_;
     ++actor.calls;
-    if (!interest) _wrong(what, " without interest");
-    if (actor.suspended) _wrong(what, " after clearEvents() or delFd()");
-    if (fd != actor.bound) _wrong(what, " of ", fd, ", bound to ", actor.bound);
+    if (!interest) _wrong("told without interest");
+    if (cleared) _wrong("told after clearEvents() or delFd()");
+    if (fd != actor.bound) _wrong("told of ", fd, ", bound to ", actor.bound);
     // Takes its time, and the loop's clock is read.
     outside_.nowNs += kTickNs;
     clockReader_->remainingTimeout();
@@ -363,10 +364,11 @@ class Walk {
   /// What is armed comes, what is ready is told, and then nothing is left.
   void _end() {
     quiet_ = true;
+    _run(0);  // takes what an exception has cut
     clockReader_->setTimeout(1);
     for (auto const& actor : actors_) {
       actor->calls = 0;
-      if (actor->kind == descriptor && actor->bound >= 0 && !actor->suspended && actor->reads) {
+      if (actor->kind == descriptor && actor->bound >= 0 && !actor->readsCleared && actor->reads) {
         for (auto const& socket : sockets_) {
           if (actor->bound == socket.ends[0] && ::write(socket.ends[1], "x", 1) != 1) std::abort();
         }
@@ -375,7 +377,8 @@ class Walk {
     _run(1);
     for (auto const& actor : actors_) {
       if (actor->kind != descriptor) continue;
-      bool const told = actor->calls != 0 || actor->bound < 0 || actor->suspended || !actor->reads;
+      bool const told =
+          actor->calls != 0 || actor->bound < 0 || actor->readsCleared || !actor->reads;
       // Those that share a descriptor drain it for each other: a task may come too late.
       if (!told && !Backend::kTasks) _wrong("a ready descriptor is not told");
       actor->fdControl->delFd();
