@@ -21,6 +21,8 @@ class VELTRO_API Backtrace final {
   /// One line a frame: "path(symbol+0xoffset)[0xaddress]", names as the linker has them; or
   /// "No backtrace available". Looks symbols up, so it is slow.
   std::string pretty() const;
+  /// The same of one return address, without the newline.
+  static std::string pretty(void* address);
 
   /// Frames held, innermost first, and the return address of each; `index` is below count().
   unsigned count() const { return count_; }

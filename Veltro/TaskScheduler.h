@@ -83,6 +83,8 @@ class VELTRO_API TaskScheduler : public std::enable_shared_from_this<TaskSchedul
   unsigned tasksPerPriority(TaskPriority priority) const;
   unsigned deadTasksPerPriority(TaskPriority priority) const;
   unsigned registeredTaskCount() const;
+  /// The task that runs now; null between two runs.
+  _TaskBase const* executingTask() const { return executingTask_.get(); }
   /// The longest time from a request to the run that served it: the scheduler's slip.
   Nanoseconds maxSchedulerLatency() const { return maxSchedulerLatency_; }
 

@@ -2,6 +2,7 @@
 #include <pthread.h>
 #include <sys/types.h>
 
+#include <atomic>
 #include <iosfwd>
 #include <memory>
 #include <random>
@@ -100,6 +101,10 @@ class VELTRO_API TaskSchedulerRoot : public TaskScheduler {
   /// The kernel's name of the calling thread; empty when it has none to tell.
   static std::string currentThreadName();
 
+  /// Counted up by a root on a loop of ours as a turn begins and as it ends, so odd while a task
+  /// may run: for other threads that watch this one. Null, as at first, is no mark.
+  void turnMarkIs(std::shared_ptr<std::atomic<U32>> mark) { turnMark_ = std::move(mark); }
+
   /// The newest `n` events, newest first; see TaskSchedulerHistory.
   void printHistory(std::ostream& stream, unsigned n) const;
   void printHistoryStdErr() const;
@@ -112,7 +117,12 @@ class VELTRO_API TaskSchedulerRoot : public TaskScheduler {
   /// the system's random device.
   void jitterSeedIs(U32 seed) { randomEngine_.seed(seed); }
 
+ protected:
+  std::shared_ptr<std::atomic<U32>> const& turnMark() const { return turnMark_; }
+
  private:
+  void _joinAll();
+  void _leaveAll();
   void _checkOtherThread() const;
 
   std::set<TaskScheduler*> schedulers_;
@@ -122,6 +132,8 @@ class VELTRO_API TaskSchedulerRoot : public TaskScheduler {
   char ownerThreadName_[16];
   bool threadSanityDisabled_ = false;
   bool suspended_ = false;
+  std::shared_ptr<std::atomic<U32>> turnMark_;
+  TaskSchedulerRoot* nextRoot_ = nullptr;  // for debuggers
   std::random_device randomDevice_;
   std::mt19937 randomEngine_;
   std::uniform_int_distribution<unsigned> jitterDistribution_{0, 100};

@@ -101,5 +101,6 @@ struct Suite {
 Suite taskRows();
 Suite timerRows();
 Suite descriptorRows();
+Suite seenRows();
 
 }  // namespace bench

@@ -193,7 +193,7 @@ int run(Options const& options) {
       ++lost;
     }
   };
-  for (auto* const suite : {&taskRows, &timerRows, &descriptorRows}) {
+  for (auto* const suite : {&taskRows, &timerRows, &descriptorRows, &seenRows}) {
     Suite const all = suite();
     for (auto const& row : all.rows) {
       guarded(row.name, [&] { report.row(row, measure(row, options.rounds)); });

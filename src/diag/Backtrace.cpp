@@ -8,6 +8,22 @@
 #include <sstream>
 
 namespace Veltro {
+namespace {
+
+std::ostream& print(std::ostream& text, void* address) {
+  Dl_info info;
+  if (::dladdr(address, &info) != 0) {
+    // Between symbols the object's own start serves as the base.
+    void* const base = info.dli_saddr != nullptr ? info.dli_saddr : info.dli_fbase;
+    if (info.dli_fname != nullptr) text << info.dli_fname;
+    text << "(" << (info.dli_sname != nullptr ? info.dli_sname : "unknown") << "+0x" << std::hex
+         << reinterpret_cast<std::uintptr_t>(address) - reinterpret_cast<std::uintptr_t>(base)
+         << std::dec << ")";
+  }
+  return text << "[" << address << "]";
+}
+
+}  // namespace
 
 Backtrace::Backtrace(bool capture) : count_(capture ? unwind(addresses_, kMaxFrames) : 0) {}
 
@@ -29,19 +45,14 @@ std::string Backtrace::pretty() const {
   std::ostringstream text;
   text.imbue(std::locale::classic());
   if (count_ == 0) text << "No backtrace available\n";
-  for (unsigned i = 0; i < count_; ++i) {
-    Dl_info info;
-    if (::dladdr(addresses_[i], &info) != 0) {
-      // Between symbols the object's own start serves as the base.
-      void* const base = info.dli_saddr != nullptr ? info.dli_saddr : info.dli_fbase;
-      if (info.dli_fname != nullptr) text << info.dli_fname;
-      text << "(" << (info.dli_sname != nullptr ? info.dli_sname : "unknown") << "+0x" << std::hex
-           << reinterpret_cast<std::uintptr_t>(addresses_[i]) -
-                  reinterpret_cast<std::uintptr_t>(base)
-           << std::dec << ")";
-    }
-    text << "[" << addresses_[i] << "]\n";
-  }
+  for (unsigned i = 0; i < count_; ++i) print(text, addresses_[i]) << "\n";
+  return text.str();
+}
+
+std::string Backtrace::pretty(void* address) {
+  std::ostringstream text;
+  text.imbue(std::locale::classic());
+  print(text, address);
   return text.str();
 }
 

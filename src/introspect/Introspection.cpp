@@ -10,7 +10,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
-#include <iostream>
 #include <sstream>
 
 #include "Kiv/Exception.h"
@@ -19,7 +18,6 @@
 #include "Veltro/Debug.h"
 #include "Veltro/ThreadCpp.h"
 #include "platform/BackgroundFd.h"
-#include "sched/RootCompanion.h"
 #include "util/Descriptor.h"
 
 namespace Veltro {
@@ -207,27 +205,4 @@ std::string Introspection::defaultDirectory() {
 
 std::string const& Introspection::path() const { return impl_->path(); }
 
-namespace {
-
-struct Companion final : RootCompanion {
-  Companion(TaskSchedulerRoot& root, std::string const& directory) : seen(root, directory) {}
-  Introspection seen;
-};
-
-/// What VELTRO_INTROSPECT asks for. An agent that cannot be seen works all the same.
-std::unique_ptr<RootCompanion> companionOf(TaskSchedulerRoot& root) {
-  char const* const value = std::getenv("VELTRO_INTROSPECT");
-  if (value == nullptr || *value == '\0' || std::strcmp(value, "0") == 0) return nullptr;
-  std::string const directory = *value == '/' ? value : Introspection::defaultDirectory();
-  try {
-    return std::make_unique<Companion>(root, directory);
-  } catch (Kiv::Exception const& fault) {
-    std::cerr << "VELTRO_INTROSPECT: not seen: " << fault.what() << std::endl;
-    return nullptr;
-  }
-}
-
-[[maybe_unused]] bool const hooked = (makeRootCompanion = companionOf, true);
-
-}  // namespace
 }  // namespace Veltro

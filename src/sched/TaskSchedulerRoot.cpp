@@ -5,6 +5,7 @@
 #include <chrono>
 #include <iostream>
 #include <limits>
+#include <mutex>
 #include <thread>
 
 #include "Report.h"
@@ -15,8 +16,29 @@ namespace Veltro {
 
 int auxThreadCount = 0;
 
+// All roots of the process, for gdb/veltro.py: nothing here reads the list.
+TaskSchedulerRoot* firstSchedulerRoot = nullptr;
+
 namespace {
 constexpr unsigned kAll = std::numeric_limits<unsigned>::max();
+
+std::mutex& allRoots() {
+  static auto* const mutex = new std::mutex;
+  return *mutex;
+}
+}  // namespace
+
+void TaskSchedulerRoot::_joinAll() {
+  std::lock_guard<std::mutex> const lock(allRoots());
+  nextRoot_ = firstSchedulerRoot;
+  firstSchedulerRoot = this;
+}
+
+void TaskSchedulerRoot::_leaveAll() {
+  std::lock_guard<std::mutex> const lock(allRoots());
+  TaskSchedulerRoot** link = &firstSchedulerRoot;
+  while (*link != this) link = &(*link)->nextRoot_;
+  *link = nextRoot_;
 }
 
 TaskSchedulerRoot::TaskSchedulerRoot(std::string const& name, Nanoseconds minimumTimerDelay)
@@ -30,9 +52,11 @@ TaskSchedulerRoot::TaskSchedulerRoot(std::string const& name, Nanoseconds minimu
     ownerThreadName_[0] = '\0';
   }
   registerScheduler(this);
+  _joinAll();
 }
 
 TaskSchedulerRoot::~TaskSchedulerRoot() {
+  _leaveAll();
   releaseResetStatsTask();
   unregisterScheduler(this);
 }

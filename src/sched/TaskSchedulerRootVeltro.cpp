@@ -59,7 +59,22 @@ TaskSchedulerRootVeltro::TaskSchedulerRootVeltro(std::string const& name)
 void TaskSchedulerRootVeltro::requestSchedulerRun() { runTimer_->setTimeout(0.0); }
 
 // The run may destroy this root: nothing comes after it.
-void TaskSchedulerRootVeltro::timeout() { handleSchedulerRun(); }
+void TaskSchedulerRootVeltro::timeout() {
+  if (turnMark() != nullptr) return _markedTurn();
+  handleSchedulerRun();
+}
+
+// The turn may destroy this root, and end by an exception.
+void TaskSchedulerRootVeltro::_markedTurn() {
+  struct Turn {
+    explicit Turn(std::shared_ptr<std::atomic<U32>> turnMark) : mark(std::move(turnMark)) {
+      mark->fetch_add(1, std::memory_order_relaxed);
+    }
+    ~Turn() { mark->fetch_add(1, std::memory_order_relaxed); }
+    std::shared_ptr<std::atomic<U32>> const mark;
+  } const turn(turnMark());
+  handleSchedulerRun();
+}
 
 TaskSchedulerRootVeltro::TimerNotifiee& TaskSchedulerRootVeltro::_notifiee(TimerTask const& task) {
   return static_cast<TimerNotifiee&>(*task.timerNotifiee());

@@ -35,6 +35,7 @@ class TaskSchedulerRootVeltro final : public TaskSchedulerRoot, public Platform:
   class FdNotifiee;
 
   void timeout() override;
+  void _markedTurn();
   static TimerNotifiee& _notifiee(TimerTask const& task);
   static FdNotifiee& _notifiee(FileDescriptorTask const& task);
 

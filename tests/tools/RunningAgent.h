@@ -16,7 +16,8 @@ namespace Veltro {
 /// A real agent process (agent.cpp), to be seen in a directory of its own.
 class RunningAgent {
  public:
-  RunningAgent() {
+  /// `mode` is a word of its command line, or null.
+  explicit RunningAgent(char const* mode = nullptr) {
     int ends[2];
     if (::pipe2(ends, O_CLOEXEC) != 0) throw std::runtime_error("pipe2");
     process_ = ::fork();
@@ -24,7 +25,8 @@ class RunningAgent {
       ::dup2(ends[0], STDIN_FILENO);
       std::FILE* const errors = std::freopen(temp_.path("errors").c_str(), "w", stderr);
       ::setenv("VELTRO_INTROSPECT", temp_.path().c_str(), 1);
-      if (errors != nullptr) ::execl(VELTRO_AGENT, VELTRO_AGENT, nullptr);
+      if (mode != nullptr) ::setenv("VELTRO_WATCHDOG", "20", 1);
+      if (errors != nullptr) ::execl(VELTRO_AGENT, VELTRO_AGENT, mode, nullptr);
       ::_exit(127);
     }
     ::close(ends[0]);
@@ -46,6 +48,7 @@ class RunningAgent {
   }
   void signal(int number) const { ::kill(process_, number); }
   std::string process() const { return std::to_string(process_); }
+  std::string errorsFile() const { return temp_.path("errors"); }
   std::string errors() const { return shell("cat " + temp_.path("errors")).text; }
 
   /// Runs veltro, which looks for agents where this one is.

@@ -1,7 +1,9 @@
 // An agent to look at: tasks whose figures are known, until its standard input ends.
+#include <poll.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <cstdlib>
 #include <functional>
 #include <memory>
 #include <thread>
@@ -73,9 +75,24 @@ void work() {
   Veltro::leFree();
 }
 
+/// Does not return before its input ends, which it waits for, or asks for again and again; or ends
+/// the process.
+struct Stuck final : Veltro::Task {
+  Stuck(Scheduler const& scheduler, std::string mode)
+      : Task(scheduler, TaskPriority::absolute, "stuck"), mode_(std::move(mode)) {}
+  void taskExecute() override {
+    if (mode_ == "aborting") std::abort();
+    pollfd input{STDIN_FILENO, POLLIN, 0};
+    while (::poll(&input, 1, mode_ == "computing" ? 0 : -1) <= 0) {
+    }
+  }
+  std::string const mode_;
+};
+
 }  // namespace
 
-int main() {
+// "agent"; or "agent computing", "agent waiting", "agent aborting", with a task that does so.
+int main(int argc, char* argv[]) {
   Veltro::useThreadLocalSingletons();
   std::thread worker(work);
   auto const root = Veltro::schedulerRootVeltro();
@@ -87,10 +104,13 @@ int main() {
     poller->stopped = member->stopped = true;
     ticker->stopTimerTask();
   });
+  auto const stuck = std::make_shared<Stuck>(root, argv[argc - 1]);
+  if (argc > 1) stuck->scheduleTask();
   poller->scheduleTask();
   member->scheduleTask();
   ticker->scheduleTask();
-  input->taskWatchFdIs(STDIN_FILENO);
+  // A debugger may have given it one that cannot be watched.
+  if (argc == 1 || std::string(argv[1]) != "aborting") input->taskWatchFdIs(STDIN_FILENO);
   input->taskWatchReadableIs(true);
   Veltro::Platform::doEventLoop();  // ends by itself, watched or not
   over = true;
