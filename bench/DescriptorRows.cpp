@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "Veltro/TaskSchedulerCpp.h"
+#include "bench/Child.h"
 #include "bench/Harness.h"
 #include "bench/SocketPair.h"
 #include "bench/loops/Asio.h"
@@ -183,6 +184,24 @@ Row roundTrips(char const* name, long idle) {
            atMost(1.12, "our loop", "bare calls")}};
 }
 
+template <class Trip>
+Variant counting(char const* name, Trip const& trip) {
+  return {name, [trip] { return static_cast<double>(systemCallsMeasured(trip)) / kTrips; }};
+}
+
+Row systemCalls() {
+  return {"round trip, system calls",
+          "calls",
+          {counting("our loop", [] { return roundTrip<KivLoop>(0); }),
+           counting("our facade", [] { return roundTrip<FacadeLoop>(0); }),
+           counting("descriptor tasks", &taskRoundTrip),
+           counting("libevent", [] { return roundTrip<LibeventLoop>(0); }),
+           counting("Asio", [] { return roundTrip<AsioLoop>(0); }),
+           counting("bare calls", [] { return roundTrip<BareCalls>(0); })},
+          {atMost(6, "our loop"), atMost(6, "our facade")},
+          true};
+}
+
 Row taskRoundTrips() {
   Goal goal{"descriptor tasks",
             1.0,
@@ -215,6 +234,9 @@ struct Stopwatch {
   std::mt19937 random{1};
   std::vector<double> waits;
   double written = 0;
+  double const readingCost = nanosecondsEach(1000, [] {
+    for (int i = 0; i < 1000; ++i) processorTime();
+  });
   unsigned countdown = 2000;  // runs up to the next byte; everybody has run by the first
 
   void maybeWrite() {
@@ -224,7 +246,7 @@ struct Stopwatch {
   }
   /// True when there are enough.
   bool arrived() {
-    waits.push_back(processorTime() - written);
+    waits.push_back(processorTime() - written - readingCost);
     pair.take(0);
     countdown = 1 + static_cast<unsigned>(random() % 500);
     return waits.size() == kWaits;
@@ -310,10 +332,10 @@ Row readiness() {
 
 Suite descriptorRows() {
   return {{roundTrips("round trip", 0), roundTrips("round trip, 1,000 idle descriptors", 1000),
-           taskRoundTrips(), readiness()},
+           systemCalls(), taskRoundTrips(), readiness()},
           {{"round trip",
             "idle descriptors",
-            {1, 10, 100, 1000, 10000, 20000},
+            {1, 10, 100, 1000, 10000, 19900},
             {{"our loop", &roundTrip<KivLoop>},
              {"libevent", &roundTrip<LibeventLoop>},
              {"libev", &roundTrip<LibevLoop>},

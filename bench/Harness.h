@@ -21,8 +21,8 @@ struct Variant {
   Measure measure;
 };
 
-/// What a goal is measured against: the sum, or the least, of weighted variants of the same row;
-/// without any, the plain unit.
+/// What a goal is measured against: the sum, or the least, of weighted variants of the same row
+/// (the one without a name is 1); without any, the plain unit.
 struct Reference {
   enum class Of { sum, least };
   std::vector<std::pair<double, std::string>> terms;
@@ -42,6 +42,7 @@ struct Row {
   std::string unit;
   std::vector<Variant> variants;
   std::vector<Goal> goals;
+  bool exact = false;  // counts, the same in every round
 };
 
 /// How a quantity grows: one row a size, the same variants in all, no goals.
@@ -102,5 +103,6 @@ Suite taskRows();
 Suite timerRows();
 Suite descriptorRows();
 Suite seenRows();
+Suite partRows();
 
 }  // namespace bench

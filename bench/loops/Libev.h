@@ -77,10 +77,7 @@ struct LibevLoop {
       ev_timer_set(&timer_, seconds, 0);
       ev_timer_start(loop_, &timer_);
     }
-    void rearm(Delay seconds) {
-      timer_.repeat = seconds;
-      ev_timer_again(loop_, &timer_);
-    }
+    void rearm(Delay seconds) { arm(seconds); }
     struct ev_loop* const loop_;
     ev_timer timer_;
   };
@@ -103,6 +100,18 @@ struct LibevLoop {
   void stop() { ev_break(loop, EVBREAK_ALL); }
   void timersCatchUp() { ev_now_update(loop); }
   struct ev_loop* const loop = ev_loop_new(EVBACKEND_EPOLL);
+};
+
+/// Timers that repeat unless stopped, and are moved in one step.
+struct LibevAgainLoop : LibevLoop {
+  template <class Body>
+  struct Timer : LibevLoop::Timer<Body> {
+    explicit Timer(LibevLoop& l) : LibevLoop::Timer<Body>(l) {}
+    void rearm(Delay seconds) {
+      this->timer_.repeat = seconds;
+      ev_timer_again(this->loop_, &this->timer_);
+    }
+  };
 };
 
 }  // namespace bench
