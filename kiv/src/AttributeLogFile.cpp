@@ -38,7 +38,13 @@ void writeWhole(Descriptor const& file, std::string const& text) {
 }
 
 std::string readWhole(std::string const& path) {
-  Descriptor const file(path, O_RDONLY);
+  // Non-blocking, for somebody may have planted a pipe; it is refused once it is open.
+  Descriptor const file(path, O_RDONLY | O_NONBLOCK);
+  struct stat status {};
+  if (::fstat(file(), &status) != 0) file.fail("stat");
+  if (!S_ISREG(status.st_mode)) {
+    throw ErrnoException("read " + path, S_ISDIR(status.st_mode) ? EISDIR : EINVAL);
+  }
   std::string text;
   char buffer[16384];
   for (;;) {

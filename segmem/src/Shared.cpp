@@ -135,6 +135,7 @@ int Shared::_openLocked(bool writable) const {
   for (;;) {
     OwnedFd fd(_open(writable));
     struct stat status;
+    if (fd.fd() < 0 && errno == ENXIO) errno = EINVAL;  // a socket, or a device without a driver
     if (fd.fd() < 0 || ::fstat(fd.fd(), &status) != 0 || !acceptable(status)) return -1;
     if ((flags_ & SHARED_LOCK) == 0) return fd.release();
     if (lockFile(fd.fd()) != 0 || ::fstat(fd.fd(), &status) != 0) return -1;

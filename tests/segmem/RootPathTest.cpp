@@ -66,22 +66,6 @@ TEST_F(RootPathTest, createsAllParentsOpenToAll) {
   }
 }
 
-TEST_F(RootPathTest, neverLeavesTheRootOverALink) {
-  fs::create_directories(temp.path("outside/b"));
-  file("outside/b/kept");
-  fs::create_directories(temp.path("p"));
-  fs::create_symlink(temp.path("outside"), temp.path("p/a"));
-
-  RootPath path = make("p", "a/b");
-  EXPECT_FALSE(path.exists());
-  EXPECT_FALSE(path.create());
-  EXPECT_FALSE(path.removeFile("kept"));
-  EXPECT_FALSE(path.cleanup());
-  EXPECT_FALSE(make("p", "a/new", true).valid());
-  EXPECT_TRUE(fs::exists(temp.path("outside/b/kept")));
-  EXPECT_FALSE(fs::exists(temp.path("outside/new")));
-}
-
 TEST_F(RootPathTest, removesOneFileInItself) {
   RootPath path = make("p", "d", true);
   file("p/d/one");

@@ -21,6 +21,10 @@ namespace Veltro {
 /// Its expectations are printed as they fail, and fail the calling test.
 inline void inChild(std::function<void()> const& body) {
   std::fflush(nullptr);
+  auto const failures = [] {
+    return testing::UnitTest::GetInstance()->current_test_info()->result()->total_part_count();
+  };
+  int const before = failures();
   pid_t const child = ::fork();
   if (child == 0) {
     ::alarm(60);
@@ -30,7 +34,7 @@ inline void inChild(std::function<void()> const& body) {
       ADD_FAILURE() << fault.what();
     }
     std::fflush(nullptr);
-    ::_exit(testing::Test::HasFailure() ? 1 : 0);
+    ::_exit(failures() > before ? 1 : 0);
   }
   int status = -1;
   ::waitpid(child, &status, 0);

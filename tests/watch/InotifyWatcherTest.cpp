@@ -14,6 +14,7 @@
 #include "Veltro/Exception.h"
 #include "Veltro/InotifyMgr.h"
 #include "Veltro/InotifyWatcherHelper.h"
+#include "tests/support/Child.h"
 #include "tests/support/SlotOrder.h"
 #include "tests/support/StandardError.h"
 #include "tests/support/TempDir.h"
@@ -141,6 +142,71 @@ TEST_F(InotifyWatcherTest, anExceptionOfOneIsThrownWhenAllHaveBeenTold) {
   EXPECT_THROW(turn(), std::runtime_error);
   EXPECT_EQ(2u, first->eventCount());
   EXPECT_EQ(2u, second->eventCount());
+}
+
+TEST_F(InotifyWatcherTest, lostEventsAreToldToAll) {
+  int limit = 0;
+  std::ifstream("/proc/sys/fs/inotify/max_queued_events") >> limit;
+  ASSERT_GT(limit, 0);
+  fs::create_directory(temp.path("elsewhere"));
+  write("a");
+  write("b");
+  auto const busy = watch(IN_ATTRIB);
+  auto const quiet = watch(IN_CREATE, "elsewhere");
+  for (int i = 0; i <= limit; ++i) {  // the kernel merges equal neighbours, so take turns
+    fs::permissions(temp.path(i % 2 == 0 ? "a" : "b"), fs::perms::all);
+  }
+  write("elsewhere/lost");
+  turn();
+  EXPECT_EQ(U32{IN_Q_OVERFLOW}, quiet->eventMask());
+  EXPECT_EQ(1u, quiet->eventCount());
+  EXPECT_EQ(U32{IN_Q_OVERFLOW}, busy->eventMask());
+  EXPECT_GE(busy->eventCount(), static_cast<U32>(limit));
+  write("elsewhere/seen");
+  turn();
+  EXPECT_EQ("seen", quiet->event().stdString());
+}
+
+TEST_F(InotifyWatcherTest, aFileThatIsReplacedEndsTheWatchAndAReactionWatchesTheNewOne) {
+  write("watched");
+  write("new");
+  auto watcher = watch(IN_DELETE_SELF | IN_MODIFY, "watched");
+  auto recorder = Kiv::allocate<Recorder>(watcher);
+  recorder->reaction = [&] {
+    if (watcher->eventMask() == IN_IGNORED) watcher = watch(IN_MODIFY, "watched");
+  };
+  fs::rename(temp.path("new"), temp.path("watched"));
+  turn();
+  EXPECT_THAT(recorder->events, ElementsAre("1  1024", "2  32768"));
+  write("watched");
+  turn();
+  EXPECT_EQ(U32{IN_MODIFY}, watcher->eventMask());
+}
+
+TEST_F(InotifyWatcherTest, limitsOfTheKernelAreARefusalAndTheOthersWatchOn) {
+  if (!mayUnshare()) GTEST_SKIP() << "needs the privilege to make namespaces";
+  fs::create_directory(temp.path("more"));
+  struct {
+    char const* limit;
+    int allowed;
+  } const cases[] = {{"watches", 1}, {"watches", 0}, {"instances", 0}};
+  for (auto const& c : cases) {
+    SCOPED_TRACE(c.limit);
+    inChild([&] {
+      ASSERT_EQ(0, ::unshare(CLONE_NEWUSER));
+      std::ofstream file(std::string("/proc/sys/user/max_inotify_") + c.limit);
+      if (!(file << c.allowed << std::flush)) return;  // a kernel that keeps it from us
+      std::vector<WatcherPtr> watchers;
+      if (c.allowed > 0) watchers.push_back(watch(IN_CREATE));
+      EXPECT_THROW(watch(IN_CREATE, "more"), InvalidInitializeException);
+      if (watchers.empty()) return;
+      write("seen");
+      turn();
+      EXPECT_EQ("seen", watchers[0]->event().stdString());
+      watchers.clear();
+      EXPECT_NO_THROW(watch(IN_CREATE, "more")) << "the place was not given back";
+    });
+  }
 }
 
 TEST_F(InotifyWatcherTest, theProcessesWatchesAreListed) {

@@ -31,7 +31,8 @@ class KIV_API AttributeLog final {
   /// Replaces the file in one step (written beside it, synced, renamed), so that a crash leaves
   /// the old log or the new one. Failures throw ErrnoException, and the old log stays.
   static void save(Entity const& entity, std::string const& path);
-  /// restore() from a file. One that cannot be read throws ErrnoException (ENOENT: no log yet).
+  /// restore() from a file. One that cannot be read throws ErrnoException (ENOENT: no log yet;
+  /// EISDIR: a directory; EINVAL: a pipe or device; ENXIO: a socket).
   static void load(Ptr<Entity> const& entity, std::string const& path);
 };
 
