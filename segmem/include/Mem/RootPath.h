@@ -22,8 +22,8 @@ class MEM_API RootPath final {
            std::string const& prefix, std::string const& dirName, bool create);
 
   /// Whether the path can be used: the root is absolute, no component is ".." or holds a zero
-  /// byte, and, with create, the directory was made. A directory that is merely missing is valid. An invalid object
-  /// creates, removes and cleans nothing.
+  /// byte, and, with create, the directory was made. A directory that is merely missing is valid.
+  /// An invalid object creates, removes and cleans nothing.
   bool valid() const { return valid_; }
 
   /// The directory's own path, without a slash at its end.

@@ -37,9 +37,9 @@ class MEM_API Shared final {
   /// Maps the first `length` bytes, at least a page; a shorter file is grown to `length` first
   /// when `writable`. Returns the address, or null with errno:
   ///   ELOOP a link, EISDIR a directory, EINVAL a FIFO, socket or device, or a name that is
-  ///   empty or has a slash or a zero byte; EMLINK a file with a second name elsewhere; ENOENT missing, without
-  ///   create; ENODATA shorter than `length`, not writable; ENOSPC or EDQUOT no room; EALREADY
-  ///   attached before; or what the kernel says.
+  ///   empty or has a slash or a zero byte; EMLINK a file with a second name elsewhere; ENOENT
+  ///   missing, without create; ENODATA shorter than `length`, not writable; ENOSPC or EDQUOT no
+  ///   room; EALREADY attached before; or what the kernel says.
   /// Never blocks on what it opens; waits for the lock.
   /// `tag` names the attachment in traces ("SegMem": level 5 done, level 1 failed).
   void* attach(Kiv::U32 length, Mode mode, bool writable, std::string const& tag);
