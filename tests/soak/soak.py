@@ -36,10 +36,14 @@ class Agent:
     def pid(self):
         return self.process.pid
 
-    def connect(self):
+    def connect(self, patience=600):
         connection = socket.socket(socket.AF_UNIX)
         connection.settimeout(60)
-        connection.connect(self.path)
+        for _ in range(patience):
+            with contextlib.suppress(BlockingIOError):  # too many wait to be let in
+                connection.connect(self.path)
+                break
+            time.sleep(0.05)
         return connection
 
     def ask(self, question):
@@ -166,7 +170,7 @@ def fault_stopped(agent, tree):
     os.kill(agent.pid, signal.SIGSTOP)
     tree.change(4000)
     with contextlib.suppress(OSError):
-        askers = [agent.connect() for _ in range(10)]
+        askers = [agent.connect(patience=1) for _ in range(10)]
         for asker in askers:
             asker.sendall(b"stat\n")
     os.kill(agent.pid, signal.SIGCONT)
