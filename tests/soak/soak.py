@@ -206,7 +206,7 @@ def fault_full_disk(agent, tree):
 
 
 def fault_unreadable(agent, tree):
-    """Files that change or go while they are read, and one that never ends."""
+    """Files that shrink and go while they are read, and FIFOs that nobody writes."""
     for i in range(20):
         with contextlib.suppress(OSError):
             os.mkfifo(f"{tree.path}/fifo{i}")
