@@ -1,11 +1,13 @@
 #!/usr/bin/env python3
 """Writes what script/bench has measured (build/bench/*.json) into docs/: the tables between the
 marks in performance.md, and one picture for each curve."""
+import glob
 import json
 import math
 import os
 import platform
 import re
+import subprocess
 from xml.sax.saxutils import escape
 
 ARCHITECTURES = [('i386', '32 bits'), ('native', '64 bits')]
@@ -74,6 +76,25 @@ def tables():
         others = [figures.get(name) and named(figures[name]['rows'], row['name'])
                   for name, _ in ARCHITECTURES]
         yield from row_lines(row, others)
+    yield from library_lines()
+
+
+def library_lines():
+    """What the installed library brings along: relocations, and its bytes in memory after start."""
+    yield '### the library'
+    yield ''
+    yield '| | ' + ' | '.join(title for _, title in ARCHITECTURES) + ' |'
+    yield '|---|' + '---|' * len(ARCHITECTURES)
+    relocations, resident = [], []
+    for preset in ('bench', 'bench-native'):
+        library = glob.glob(f'build/{preset}/installed/lib*/**/libKivVeltro.so.0', recursive=True)[0]
+        listing = subprocess.check_output(['readelf', '-rW', library], text=True)
+        relocations.append(f"{len(re.findall(' R_(?:386|X86_64)_', listing)):,}")
+        shown = subprocess.check_output([f'build/{preset}/bench/load_ours', 'resident'], text=True)
+        resident.append(f'{int(shown):,}')
+    yield '| relocations | ' + ' | '.join(relocations) + ' |'
+    yield '| resident bytes after start | ' + ' | '.join(resident) + ' |'
+    yield ''
 
 
 def panel(curve, title, left):
