@@ -37,9 +37,11 @@ class VELTRO_API StallWatchdog final {
     std::string task;           ///< its name; a group's task goes by its group
     Nanoseconds running;        ///< so far
     Nanoseconds processorTime;  ///< of that
+    Nanoseconds processorWait;  ///< of that: ready, while others had the processor
     std::string stack;          ///< frames of Backtrace::pretty(), a blank between; or ""
-    /// Whether it used the processor for most of the time; else it waits for something.
-    bool computing() const { return processorTime * 2 >= running; }
+    /// Whether it used the processor, or wanted to, for most of the time; else it waits for
+    /// something.
+    bool computing() const { return (processorTime + processorWait) * 2 >= running; }
     /// One line: "stall: task 'walk' has run for 0.214 s, computing (0.213 s), stack: ...".
     std::string text() const;
   };

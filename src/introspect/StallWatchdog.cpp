@@ -77,7 +77,8 @@ class StallWatchdog::Impl final {
     U32 mark = 0;
     Nanoseconds seen{0};
     Nanoseconds processorTime{0};  // of the thread, at the first look
-    Nanoseconds next{0};           // when to report
+    Nanoseconds processorWait{0};
+    Nanoseconds next{0};  // when to report
   };
 
   void _watch() {
@@ -91,7 +92,7 @@ class StallWatchdog::Impl final {
   void _look(Turn& turn) {
     U32 const mark = mark_->load(std::memory_order_relaxed);
     if (mark % 2 == 0 || mark != turn.mark) {
-      turn = {mark, Nanoseconds::zero(), _processorTime(), limit_};
+      turn = {mark, Nanoseconds::zero(), _processorTime(), _processorWait(), limit_};
       return;
     }
     turn.seen += limit_ / 4;
@@ -99,9 +100,10 @@ class StallWatchdog::Impl final {
     turn.next *= 2;
     FoundAt const found = foundAt(watched_, root_);
     Nanoseconds const processorTime = _processorTime() - turn.processorTime;
+    Nanoseconds const processorWait = _processorWait() - turn.processorWait;
     // It may have come to its end meanwhile; then it is not told of.
     if (mark_->load(std::memory_order_relaxed) != mark) return;
-    reporter_({found.task, turn.seen, processorTime, found.stack});
+    reporter_({found.task, turn.seen, processorTime, processorWait, found.stack});
   }
 
   Nanoseconds _processorTime() const {
@@ -110,7 +112,17 @@ class StallWatchdog::Impl final {
     return std::chrono::seconds(time.tv_sec) + Nanoseconds(time.tv_nsec);
   }
 
+  // The second number of the kernel's line; zero where it keeps none.
+  Nanoseconds _processorWait() const {
+    std::ifstream file("/proc/self/task/" + std::to_string(threadId_) + "/schedstat");
+    Nanoseconds::rep ran = 0;
+    Nanoseconds::rep waited = 0;
+    file >> ran >> waited;
+    return Nanoseconds(waited);
+  }
+
   pid_t const pid_ = ::getpid();
+  int const threadId_ = Veltro::gettid();
   pthread_t const watched_ = ::pthread_self();
   TaskSchedulerRoot& root_;
   Nanoseconds const limit_;

@@ -5,6 +5,9 @@
 
 #include <algorithm>
 #include <map>
+#include <regex>
+#include <set>
+#include <sstream>
 
 #include "Veltro/LoopHealth.h"
 #include "tests/tools/RunningAgent.h"
@@ -75,6 +78,30 @@ TEST_F(AgentTest, topShowsItsTasksQueuesAndLoop) {
   }
   Outcome const table = agent.ask("top agent --once --interval 0.05 --limit 2");
   EXPECT_EQ(5, std::count(table.text.begin(), table.text.end(), '\n')) << table.text;
+}
+
+// Line by line as a collector reads it: a family's head, then samples of that family.
+TEST_F(AgentTest, topSpeaksToCollectors) {
+  Outcome const metrics = agent.ask("top agent --once --interval 0.05 --metrics");
+  EXPECT_EQ(0, metrics.status);
+  std::istringstream lines(metrics.text);
+  std::regex const type("# TYPE (veltro_[a-z_]+) (counter|gauge)");
+  std::regex const sample(R"((veltro_[a-z_]+)\{([a-z]+="[^"]*",?)+\} [0-9.]+)");
+  std::string family;
+  std::set<std::string> seen;
+  std::smatch match;
+  for (std::string line; std::getline(lines, line);) {
+    if (std::regex_match(line, match, type)) {
+      family = match[1];
+    } else if (line.compare(0, 7, "# HELP ") != 0) {
+      ASSERT_TRUE(std::regex_match(line, match, sample)) << line;
+      EXPECT_EQ(family, match[1]);
+      EXPECT_TRUE(seen.insert(line.substr(0, line.rfind(' '))).second) << line;
+    }
+  }
+  for (char const* text : {"task=\"member\"", "veltro_loop_lag_seconds{", "priority=\"low\""}) {
+    EXPECT_THAT(metrics.text, HasSubstr(text));
+  }
 }
 
 TEST_F(AgentTest, seesAThreadWithALoopOfItsOwn) {
@@ -193,6 +220,37 @@ TEST(LoopHealthTest, quantilesComeFromLog2Buckets) {
   for (auto const& c : cases)
     EXPECT_EQ(c.value, LoopHealth::quantile(histogram, c.share)) << c.share;
   EXPECT_EQ(0u, LoopHealth::quantile(LoopHealth::Histogram{}, 0.99));
+}
+
+struct Beat final : Platform::TimeoutHandler {
+  explicit Beat(int beats) : left(beats), timer(Platform::getTimerControl(this)) {
+    timer->setTimeout(0.001);
+  }
+  void timeout() override {
+    if (--left > 0) timer->setTimeout(0.001);
+  }
+  int left;
+  std::shared_ptr<Platform::TimerControl> const timer;
+};
+
+TEST(LoopHealthTest, countsPassesWhileItIsAskedTo) {
+  LoopHealth& health = LoopHealth::instance();
+  health.measureFor(std::chrono::hours(1));
+  EXPECT_TRUE(health.measuring());
+  Beat beat(5);
+  Platform::doEventLoop();
+  LoopHealth::Window const window = health.current();
+  EXPECT_GE(window.passes, 4u);  // the last one ends the run
+  EXPECT_GE(window.events.sum, 4u);
+  EXPECT_GE(window.waited.sum, 4 * 900000u);
+  EXPECT_LE(window.waited.sum + window.worked.sum, window.end - window.start);
+  std::ostringstream report;
+  health.print(report);
+  EXPECT_THAT(report.str(), HasSubstr("Loop: " + std::to_string(window.passes) + " passes in"));
+  Kiv::ActivityManager::instance().config().passObserverIs(nullptr);
+  Beat unseen(5);
+  Platform::doEventLoop();
+  EXPECT_EQ(window.passes, health.current().passes);
 }
 
 }  // namespace

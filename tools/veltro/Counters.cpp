@@ -90,15 +90,6 @@ std::string metricName(Counter const& counter) {
   return name.empty() ? "_" : name;
 }
 
-std::string escaped(std::string const& bytes, bool quotes) {
-  std::string text;
-  for (char const c : utf8Of(bytes)) {
-    if (c == '\\' || (quotes && c == '"')) text += '\\';
-    text += c == '\n' ? "\\n" : std::string(1, c);
-  }
-  return text;
-}
-
 /// The text exposition format: keys of one metric name form one family, told apart by their label.
 void printMetrics(Snapshot const& now) {
   std::map<std::string, std::vector<Counter const*>> families;
@@ -109,10 +100,10 @@ void printMetrics(Snapshot const& now) {
     auto const& about = counters.front()->description;
     std::string help = about.help;
     if (!about.unit.empty()) help += (help.empty() ? "Unit: " : " Unit: ") + about.unit;
-    if (!help.empty()) std::cout << "# HELP " << name << ' ' << escaped(help, false) << '\n';
+    if (!help.empty()) std::cout << "# HELP " << name << ' ' << metricText(help) << '\n';
     std::cout << "# TYPE " << name << ' ' << (about.kind.empty() ? "untyped" : about.kind) << '\n';
     for (Counter const* counter : counters) {
-      std::cout << name << "{key=\"" << escaped(counter->key, true) << "\"} "
+      std::cout << name << "{key=\"" << metricLabel(counter->key) << "\"} "
                 << counter->sample->value << '\n';
     }
   }

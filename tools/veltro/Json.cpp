@@ -44,6 +44,20 @@ std::string utf8Of(std::string const& bytes) {
   return text;
 }
 
+namespace {
+std::string escaped(std::string const& bytes, bool quotes) {
+  std::string text;
+  for (char const c : utf8Of(bytes)) {
+    if (c == '\\' || (quotes && c == '"')) text += '\\';
+    text += c == '\n' ? "\\n" : std::string(1, c);
+  }
+  return text;
+}
+}  // namespace
+
+std::string metricText(std::string const& bytes) { return escaped(bytes, false); }
+std::string metricLabel(std::string const& bytes) { return escaped(bytes, true); }
+
 Json& Json::string(std::string const& bytes) {
   std::string const text = utf8Of(bytes);
   writer_.String(text.data(), static_cast<rapidjson::SizeType>(text.size()));

@@ -10,6 +10,10 @@ namespace Operator {
 /// `bytes` as UTF-8: what is none becomes U+FFFD, a byte at a time.
 std::string utf8Of(std::string const& bytes);
 
+/// As the text exposition format of collectors wants help texts, and the values of labels.
+std::string metricText(std::string const& bytes);
+std::string metricLabel(std::string const& bytes);
+
 /// Builds one JSON document. Each call adds one thing; a name comes before its value.
 class Json final {
  public:

@@ -192,10 +192,79 @@ void printJson(View const& view, std::size_t limit) {
   std::cout << json.endArray().endObject();
 }
 
+/// A family of the text exposition format. What has the same labels is summed up, or the larger
+/// counts, for a label may stand in it once.
+class Family final {
+ public:
+  Family(char const* name, char const* kind, char const* help)
+      : name_(std::string("veltro_") + name), kind_(kind), help_(help) {}
+  void add(std::string const& labels, double value) { values_[labels] += value; }
+  void atLeast(std::string const& labels, double value) {
+    values_[labels] = std::max(values_[labels], value);
+  }
+  friend std::ostream& operator<<(std::ostream& out, Family const& family) {
+    out << "# HELP " << family.name_ << ' ' << family.help_ << "\n# TYPE " << family.name_ << ' '
+        << family.kind_ << '\n';
+    for (auto const& [labels, value] : family.values_) {
+      out << family.name_ << '{' << labels << "} " << decimal(value, 9) << '\n';
+    }
+    return out;
+  }
+
+ private:
+  std::string const name_;
+  char const* const kind_;
+  char const* const help_;
+  std::map<std::string, double> values_;
+};
+
+void printMetrics(View const& view) {
+  auto const& header = view.header();
+  std::string const agent = "program=\"" + metricLabel(header.program) + "\",thread=\"" +
+                            std::to_string(header.threadId) + "\"";
+  Family runs("task_runs_total", "counter", "Runs of tasks.");
+  Family time("task_run_seconds_total", "counter", "Time that tasks ran.");
+  Family overlong("task_overlong_runs_total", "counter", "Runs of two quanta and more.");
+  Family wait("task_wait_seconds_max", "gauge", "The longest wait of a task for its run.");
+  Family queued("queued_tasks", "gauge", "Tasks that wait for their run.");
+  Family slip("scheduler_slip_seconds_max", "gauge", "The longest wait of the scheduler.");
+  for (Row const& row : view.rows()) {
+    auto const& task = row.task;
+    std::string const labels = agent + ",scheduler=\"" + metricLabel(row.scheduler) + "\",task=\"" +
+                               metricLabel(row.name) + "\"";
+    runs.add(labels, task.runs);
+    time.add(labels, static_cast<double>(task.runTime) / 1e9);
+    overlong.add(labels, task.violations200 + task.violations500);
+    wait.atLeast(labels, static_cast<double>(task.maxWait) / 1e9);
+  }
+  for (auto const& priority : view.priorities()) {
+    queued.add(agent + ",priority=\"" + priorityName(priority.priority) + "\"", priority.runnable);
+  }
+  slip.add(agent, static_cast<double>(view.maxSlip()) / 1e9);
+  std::cout << runs << time << overlong << wait << queued << slip;
+  if (!view.loop()) return;
+  Family idle("loop_idle_ratio", "gauge", "Share of the time that the loop waits.");
+  Family lag("loop_lag_seconds", "gauge", "How late timers are, over some seconds.");
+  Family pass("loop_pass_seconds", "gauge", "How long a pass works, over some seconds.");
+  Family events("loop_pass_events", "gauge", "Events of a pass, over some seconds.");
+  idle.add(agent, view.idle());
+  for (auto const& [name, share] : {std::pair("0.5", 0.5), {"0.99", 0.99}, {"1", 1.0}}) {
+    std::string const labels = agent + ",quantile=\"" + name + "\"";
+    auto const value = [share = share](LoopHealth::Histogram const& histogram) {
+      return static_cast<double>(LoopHealth::quantile(histogram, share));
+    };
+    lag.add(labels, value(view.loop()->lag) / 1e9);
+    pass.add(labels, value(view.loop()->worked) / 1e9);
+    events.add(labels, value(view.loop()->events));
+  }
+  std::cout << idle << lag << pass << events;
+}
+
 struct Options {
   AgentChoice choice;
   bool once = false;
   bool json = false;
+  bool metrics = false;
   double interval = 1;
   U64 times = 0;
   std::size_t limit = 50;
@@ -206,7 +275,8 @@ void run(Options const& options) {
   // Long enough that the loop is measured without a break until the next reading.
   std::string const request = "tasks " + decimal(3 * options.interval + 1, 3);
   auto const pause = std::chrono::duration<double>(options.interval);
-  bool const screen = ::isatty(STDOUT_FILENO) != 0 && !options.json && !options.once;
+  bool const screen =
+      ::isatty(STDOUT_FILENO) != 0 && !options.json && !options.metrics && !options.once;
   auto before = std::make_unique<Reply const>(agent.ask(request, options.choice.timeout));
   for (U64 reading = 1;; ++reading) {
     std::this_thread::sleep_for(pause);
@@ -215,6 +285,8 @@ void run(Options const& options) {
     if (screen) std::cout << "\033[H\033[2J";
     if (options.json) {
       printJson(view, options.limit);
+    } else if (options.metrics) {
+      printMetrics(view);
     } else {
       if (reading != 1 && !screen) std::cout << '\n';
       printTable(view, options.limit);
@@ -242,7 +314,10 @@ void addTop(CLI::App& program) {
       ->type_name("N")
       ->check(CLI::PositiveNumber);
   command->add_option("--limit", options->limit, "Show the N busiest tasks only")->type_name("N");
-  command->add_flag("--json", options->json, "One line of JSON a report; times in nanoseconds");
+  auto* const json =
+      command->add_flag("--json", options->json, "One line of JSON a report; times in nanoseconds");
+  command->add_flag("--metrics", options->metrics, "The text exposition format of collectors")
+      ->excludes(json);
   command->callback([options] { run(*options); });
 }
 
