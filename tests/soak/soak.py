@@ -183,7 +183,7 @@ def fault_no_descriptors(agent, tree):
     clients = []
     for _ in range(40):
         with contextlib.suppress(OSError):
-            clients.append(agent.connect())
+            clients.append(agent.connect(patience=1))
     tree.change(200)
     time.sleep(0.3)
     for client in clients:
