@@ -1,0 +1,48 @@
+#!/bin/bash
+# veltro.1.sh PROGRAM: the manual page of veltro, as scdoc takes it. The program knows its own words
+# best: what --help says of each subcommand is in the page as it is.
+set -euo pipefail
+program=$1
+
+# shellcheck disable=SC2016  # the quotes are scdoc's
+literal() { printf '```\n%s\n```\n' "$1"; }
+
+general=$("$program" --help)
+cat <<'END'
+veltro(1)
+
+# NAME
+
+veltro - looks into running agents
+
+# SYNOPSIS
+
+*veltro* _SUBCOMMAND_ [_OPTION_...]
+
+# DESCRIPTION
+
+Shows what agents that are built on libkivveltro are doing. It reads files that the agents share and
+leaves the agents alone: no signal, no port, no restart.
+
+END
+literal "$general"
+
+# The names behind "Subcommands:", which stand at two blanks.
+subcommands=$(sed -n '/^Subcommands:/,/^$/s/^  \([a-z]\+\) .*/\1/p' <<<"$general")
+[[ -n $subcommands ]]
+for subcommand in $subcommands; do
+  printf '\n# VELTRO %s\n\n' "${subcommand^^}"
+  literal "$("$program" "$subcommand" --help)"
+done
+
+cat <<'END'
+
+# FILES
+
+/var/shmem/shmem/counters/
+	Counter files and their logs.
+
+# SEE ALSO
+
+*veltro-counter-file*(5), *veltro-attribute-log*(5)
+END
