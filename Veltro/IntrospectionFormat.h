@@ -18,9 +18,11 @@
 /// `version` is another layout.
 namespace Veltro::IntrospectionFormat {
 
+/// What the file begins with, and the layout that this header describes.
 constexpr char kMagic[9] = "VELTROin";
 constexpr U32 kVersion = 1;
 
+/// The head of the file: whose it is, how to read it, and when it was written.
 struct alignas(8) Header {
   char magic[8];
   U32 version;
@@ -38,6 +40,7 @@ struct alignas(8) Header {
 };
 static_assert(sizeof(Header) == 112 && offsetof(Header, sequence) == 32, "other processes map it");
 
+/// What the records of a section are.
 enum class Kind : U32 {
   strings = 1,  ///< bytes
   error,        ///< bytes: why there is nothing else
@@ -50,6 +53,7 @@ enum class Kind : U32 {
   traces,
 };
 
+/// Where the records of one Kind are: `count` of them, `recordBytes` from one to the next.
 struct alignas(8) Section {
   U32 kind;
   U32 recordBytes;
@@ -58,6 +62,7 @@ struct alignas(8) Section {
 };
 static_assert(sizeof(Section) == 16, "other processes map it");
 
+/// A scheduler of the thread: its name, its tasks and how many are queued, its worst slip.
 struct alignas(8) Scheduler {
   U32 name;
   U32 isGroup;
@@ -67,6 +72,7 @@ struct alignas(8) Scheduler {
 };
 static_assert(sizeof(Scheduler) == 24, "other processes map it");
 
+/// The counts of one priority, over all schedulers of the thread.
 struct alignas(8) Priority {
   U32 priority;
   U32 runnable;
@@ -120,6 +126,7 @@ struct alignas(8) Loop {
 };
 static_assert(sizeof(Loop) == 728, "other processes map it");
 
+/// One event of the history: when, what, and the name of whom.
 struct alignas(8) Event {
   U64 time;
   U32 type;  ///< as in Veltro/TaskSchedulerHistory.h
@@ -127,6 +134,7 @@ struct alignas(8) Event {
 };
 static_assert(sizeof(Event) == 16, "other processes map it");
 
+/// A trace category and its live levels.
 struct Trace {
   U32 name;
   U32 levels;  ///< bit n for level n

@@ -16,10 +16,12 @@ namespace Veltro {
 /// loop is; belongs to its thread. Never destroyed.
 class VELTRO_API LoopHealth final : private Kiv::PassObserver {
  public:
+  /// What is measured, and for how long each window lasts.
   using Window = IntrospectionFormat::Loop;
   using Histogram = IntrospectionFormat::Histogram;
   static constexpr std::chrono::seconds kWindow{5};
 
+  /// The process's one.
   static LoopHealth& instance();
 
   /// Measures from now on for at least so long; std::chrono::nanoseconds::max() is for good. Takes

@@ -30,6 +30,7 @@ class TaskSchedulerRoot;
 /// not watched.
 class VELTRO_API StallWatchdog final {
  public:
+  /// All times are kept so.
   using Nanoseconds = std::chrono::nanoseconds;
 
   /// One report of a stall.

@@ -118,6 +118,7 @@ class VELTRO_API TaskSchedulerRoot : public TaskScheduler {
   void jitterSeedIs(U32 seed) { randomEngine_.seed(seed); }
 
  protected:
+  /// Null while nobody watches the turns.
   std::shared_ptr<std::atomic<U32>> const& turnMark() const { return turnMark_; }
 
  private:

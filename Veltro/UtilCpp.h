@@ -34,9 +34,9 @@ class VELTRO_API Util {
   static int mkpath(std::string const& path, unsigned mode);
   /// Removes the empty directories that the end `trailing` of `absolute` names, deepest first:
   /// ("/x/y/z", "y/z") removes /x/y/z, then /x/y. Missing ones count as removed. 0, or -1 with
-  /// errno at the first that cannot be removed. Beginning with several slashes, `trailing` names the
-  /// folder before them too. AssertException unless `absolute` begins with "/"
-  /// and `trailing` is a shorter, non-empty end of it.
+  /// errno at the first that cannot be removed. Beginning with several slashes, `trailing` names
+  /// the folder before them too. AssertException unless `absolute` begins with "/" and `trailing`
+  /// is a shorter, non-empty end of it.
   static int trimpath(std::string const& absolute, std::string const& trailing);
   /// The working directory; empty when it cannot be told, as after its removal.
   static std::string getCwd(Platform::DebugHandler& handler);

@@ -2,7 +2,7 @@
 """doxygen_filter.py HEADER: the header as Doxygen shall read it, on standard output.
 
 Our headers say things once: a "///" comment speaks for all declarations that follow it without a
-blank line between. Doxygen wants one for each, so it is repeated here. What has nothing to say is
+blank line between, and one on a struct for its fields. Doxygen wants one for each, so it is repeated here. What has nothing to say is
 left out: destructors, and what is deleted or defaulted. A "//" comment behind a declaration counts
 as its description, and names that mean the same in every class have theirs below. The number of
 lines changes; the gate's messages name the declaration.
@@ -24,6 +24,8 @@ SILENT = re.compile(r"(virtual )?~|.*= (delete|default);")
 ACCESS = re.compile(r"(public|private|protected):")
 NO_DECLARATION = re.compile(
     r"[}#/]|(public|private|protected):|(friend )?(class|struct) [^{]*;|namespace")
+STRUCT = re.compile(r"struct [^;]*\{$")
+FIELD = re.compile(r"[\w:<>*, ]+ \w+(\[\d+\])?( = [^;]*)?;$")
 ENDS = re.compile(r"[;},]\s*(//.*)?$")
 TRAILING = re.compile(r"^([^/]*[;,]\s+)// ")
 
@@ -31,6 +33,7 @@ TRAILING = re.compile(r"^([^/]*[;,]\s+)// ")
 def filtered(lines):
     """`spoken` is the comment in force, at `level`; `used` when a declaration has had it, `ended`
     when the one before is complete; `apart` is that for any level."""
+    fields, fields_end = [], ""
     spoken, level, used, ended, apart = [], None, True, True, True
     for line in lines:
         text = line.strip()
@@ -56,6 +59,12 @@ def filtered(lines):
         if text and (here == level or not spoken):
             ended = bool(ENDS.search(text))
         apart = bool(re.search(r"[;{}:]$", text)) or not text
+        if begins and STRUCT.match(text) and spoken:
+            fields, fields_end = spoken, here + "}"
+        elif fields and line.startswith(fields_end):
+            fields = []
+        elif fields and FIELD.match(text):
+            yield from (here + comment + "\n" for comment in fields)
         yield TRAILING.sub(r"\1///< ", line, count=1) if begins else line
 
 

@@ -101,6 +101,7 @@ struct Pass {
 /// clock reads more, without one a compare. May withdraw itself from inside onPass().
 class KIV_API PassObserver {
  public:
+  /// A pass has ended.
   virtual void onPass(Pass const& pass) = 0;
 
  protected:
