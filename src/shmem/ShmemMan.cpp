@@ -203,12 +203,12 @@ void ShmemMan::shmemGenIdIs(Kiv::String counterKey, U32 counterSize, U32 genId) 
 }
 
 bool ShmemMan::mmapFile(U64 const& fileSize) {
-  Kiv::String const file = fileName();
-  SHMEM_TRACE(kProgress, kMmapFile << " filename: " << file);
+  SHMEM_TRACE(kProgress, kMmapFile << " filename: " << fileName());
   if (mmapStartAddr_() != 0) {
-    SHMEM_TRACE(kProgress, "filename: " << file << " already mmapped.");
+    SHMEM_TRACE(kProgress, "filename: " << fileName() << " already mmapped.");
     return true;
   }
+  Kiv::String const file = fileName();
   SHMEM_TRACE(kProgress, "need to mmap " << file);
   fileSize_.is(fileSize);
   // An invalid root path holds a "..": it would lead out of the root.
