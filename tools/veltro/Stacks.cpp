@@ -68,13 +68,13 @@ std::string demangled(std::string const& symbol) {
 /// One object file and its debug information, as far as there is any.
 class Object final {
  public:
-  explicit Object(std::string const& path) : session_(dwfl_begin(&callbacks())) {
-    if (session_ == nullptr) return;
-    module_ = dwfl_report_offline(session_, path.c_str(), path.c_str(), -1);
-    dwfl_report_end(session_, nullptr, nullptr);
+  explicit Object(std::string const& path) : dwfl_(dwfl_begin(&callbacks())) {
+    if (dwfl_ == nullptr) return;
+    module_ = dwfl_report_offline(dwfl_, path.c_str(), path.c_str(), -1);
+    dwfl_report_end(dwfl_, nullptr, nullptr);
   }
   ~Object() {
-    if (session_ != nullptr) dwfl_end(session_);
+    if (dwfl_ != nullptr) dwfl_end(dwfl_);
   }
   Object(Object const&) = delete;
 
@@ -123,7 +123,7 @@ class Object final {
     return start;
   }
 
-  Dwfl* const session_;
+  Dwfl* const dwfl_;
   Dwfl_Module* module_ = nullptr;
 };
 
