@@ -61,8 +61,8 @@ class VELTRO_API FileDescriptorTask : public _TaskBase {
   bool taskScheduledReadable() const;
   bool taskScheduledWritable() const;
 
-  /// Work done, by direction: as taskWorkCountInc() and TaskImpl's figures; 0 while the direction's
-  /// task does not exist.
+  /// Work done, by direction: as taskWorkCountInc() and TaskImpl's figures. Those for writes throw
+  /// AssertException before the first taskWatchWritableIs().
   void taskWorkCountReadableInc(U64 n);
   void taskWorkCountWritableInc(U64 n);
   U64 taskWorkCountReadableTotal() const;

@@ -151,17 +151,19 @@ void FileDescriptorTask::checkCreateWriteTask() {
 
 void FileDescriptorTask::handleReadable() {
   VELTRO_ASSERT(schedDebug(), watchReadable_, "handleReadable() called with taskWatchReadable off");
-  scheduleTaskReadable();
-  if (!_mayNotRun(*readTask_)) return;
-  readableMuted_ = true;
-  taskScheduler()->schedulerRoot().fileDescriptorTaskWatchReadableIs(*this, false);
+  if (_mayNotRun(*readTask_)) {
+    readableMuted_ = true;
+    taskScheduler()->schedulerRoot().fileDescriptorTaskWatchReadableIs(*this, false);
+  }
+  scheduleTaskReadable();  // last: handleTaskBusy() may let go of this task
 }
 void FileDescriptorTask::handleWritable() {
   VELTRO_ASSERT(schedDebug(), watchWritable_, "handleWritable() called with taskWatchWritable off");
+  if (_mayNotRun(*writeTask_)) {
+    writableMuted_ = true;
+    taskScheduler()->schedulerRoot().fileDescriptorTaskWatchWritableIs(*this, false);
+  }
   scheduleTaskWritable();
-  if (!_mayNotRun(*writeTask_)) return;
-  writableMuted_ = true;
-  taskScheduler()->schedulerRoot().fileDescriptorTaskWatchWritableIs(*this, false);
 }
 
 // Told of readiness, over and over, while nothing can be done about it, the loop would never sleep:

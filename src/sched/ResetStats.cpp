@@ -1,6 +1,7 @@
 // Clearing a large scheduler's figures in slices, by a task of its own.
 #include "SchedDebug.h"
 #include "Veltro/TaskScheduler.h"
+#include "Veltro/TaskSchedulerRoot.h"
 
 namespace Veltro {
 
@@ -20,6 +21,7 @@ class TaskScheduler::ResetStatsTask final : public Task {
 };
 
 void TaskScheduler::resetStats() {
+  root_->sanityCheckCurrentRunningThread();
   if (!resetStatsTask_) resetStatsTask_ = std::make_shared<ResetStatsTask>(*this);
   if (!resetStatsWalk_.walking()) resetStatsWalk_.start();
   resetStatsTask_->scheduleTask();

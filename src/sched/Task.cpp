@@ -16,13 +16,18 @@ constexpr std::chrono::nanoseconds kLongestQuantum = std::chrono::seconds(1);
 constexpr U32 kHighestMark = 0xfffffffe;  // the one above means "no sample"
 }  // namespace
 
+// The cache is the scheduler's thread's own.
+static ConstStringRef interned(TaskScheduler& scheduler, std::string const& name) {
+  scheduler.schedulerRoot().sanityCheckCurrentRunningThread();
+  return scheduler.schedulerHistory()->cache().lookup(name);
+}
+
 // _TaskBase
 
 _TaskBase::_TaskBase(std::shared_ptr<TaskScheduler> scheduler, TaskPriority priority,
                      std::string const& name)
     : scheduler_(std::move(scheduler)),
-      taskName_(scheduler_ ? scheduler_->schedulerHistory()->cache().lookup(name)
-                           : ConstStringRef()),
+      taskName_(scheduler_ ? interned(*scheduler_, name) : ConstStringRef()),
       taskStatsName_(taskName_),
       taskPriority_(priority) {}
 
@@ -36,7 +41,7 @@ void _TaskBase::handleTaskBusy() {}
 void _TaskBase::handleResetStats() {}
 
 void _TaskBase::taskStatsNameIs(std::string const& name) {
-  taskStatsName_ = scheduler_->schedulerHistory()->cache().lookup(name);
+  taskStatsName_ = interned(*scheduler_, name);
 }
 
 void _TaskBase::sanityCheckCurrentRunningThread() const {

@@ -91,7 +91,7 @@ void TaskImpl::taskDoRun(TimePoint now, TimePoint& endTime) {
   VELTRO_TRACE(schedDebug(), 8, "Running " << *this);
   _execute(now);
   endTime = Clock::now();
-  _accountRun(endTime - runStart_);
+  _accountRun(endTime - now);
   history.insert(endTime, TaskSchedulerEventType::runEnd, taskNameRef());
   taskBusyIs(taskScheduled(), endTime);
 }

@@ -46,7 +46,7 @@ double later(double delay, double offset) {
 }
 Nanoseconds later(Nanoseconds delay, Nanoseconds offset) {
   constexpr Nanoseconds latest = Nanoseconds::max() - Nanoseconds(1);
-  return offset > latest - delay ? latest : delay + offset;
+  return delay > Nanoseconds::zero() && offset > latest - delay ? latest : delay + offset;
 }
 }  // namespace
 

@@ -12,7 +12,10 @@ struct Pipe final : FileDescriptorTask {
   void taskExecuteWritable() override {
     if (onWrite) onWrite();
   }
-  std::function<void()> onRead, onWrite;
+  void handleTaskBusy() override {
+    if (auto const react = std::exchange(onBusy, nullptr)) react();
+  }
+  std::function<void()> onRead, onWrite, onBusy;
 };
 
 struct FileDescriptorTaskTest : SchedTest {
@@ -38,6 +41,17 @@ TEST_F(FileDescriptorTaskTest, theWriteTaskComesWithTheFirstInterestAndStays) {
   EXPECT_FALSE(root->watches[task.get()].writes);
   task.reset();
   EXPECT_EQ(0u, tasks());
+}
+
+TEST_F(FileDescriptorTaskTest, becomingBusyMayBeItsEnd) {
+  for (auto const ready : {&Pipe::handleReadable, &Pipe::handleWritable}) {
+    task = std::make_shared<Pipe>(root, TaskPriority::high, "p");
+    task->taskWatchReadableIs(true);
+    task->taskWatchWritableIs(true);
+    task->onBusy = [this] { task.reset(); };
+    (*task.*ready)();
+    EXPECT_EQ(0u, tasks());
+  }
 }
 
 TEST_F(FileDescriptorTaskTest, switchingOffDropsWhatIsQueued) {

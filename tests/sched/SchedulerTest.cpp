@@ -108,6 +108,7 @@ TEST_F(SchedulerTest, nestedRunsKeepTheOuterTask) {
   root->getDeadTaskStats(&dead, false);
   ASSERT_EQ(1u, dead.size());
   EXPECT_EQ(21ms, dead[0].taskRunTimeHighWaterMark());
+  EXPECT_EQ(21ms, dead[0].taskTotalRunTime());  // the inner run took no time of its own
   EXPECT_EQ(2u, depth);
 }
 
