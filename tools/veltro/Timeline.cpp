@@ -2,6 +2,7 @@
 // viewers open.
 
 #include <algorithm>
+#include <cstdint>
 #include <fstream>
 #include <iostream>
 #include <memory>
@@ -30,7 +31,7 @@ char const* nameOf(Type type) {
 }
 
 /// What one event adds to the number of queued tasks.
-long queueChange(Type type) {
+std::int64_t queueChange(Type type) {
   if (type == Type::schedule) return 1;
   return type == Type::unschedule || type == Type::runStart ? -1 : 0;
 }
@@ -71,9 +72,9 @@ class Timeline final {
 
   /// The length of the queue is known at the end: from there back to the oldest event.
   void _countQueued() {
-    long queued = 0;
+    std::int64_t queued = 0;
     for (auto const& priority : reply_.records<Format::Priority>(Reply::Kind::priorities)) {
-      queued += priority.runnable;
+      queued += std::int64_t{priority.runnable};
     }
     for (auto event = events_.rbegin(); event != events_.rend(); ++event) {
       queued -= queueChange(static_cast<Type>(event->type));
@@ -92,11 +93,11 @@ class Timeline final {
       _open(std::string(nameOf(type)) + " " + subject, "i").name("s").string("t");
       _time("ts", event.time).endObject();
     }
-    if (long const change = queueChange(type); change != 0) {
+    if (std::int64_t const change = queueChange(type); change != 0) {
       queued_ += change;
       _open("queued tasks", "C");
       _time("ts", event.time).name("args").object().name("tasks");
-      json_.number(static_cast<U64>(std::max(queued_, 0L))).endObject().endObject();
+      json_.number(static_cast<U64>(std::max<std::int64_t>(queued_, 0))).endObject().endObject();
     }
   }
 
@@ -126,7 +127,7 @@ class Timeline final {
   Reply const& reply_;
   std::vector<Format::Event> events_;
   std::vector<Run> running_;
-  long queued_ = 0;
+  std::int64_t queued_ = 0;
   Json json_;
 };
 
