@@ -9,9 +9,9 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <iostream>
 #include <sstream>
 #include <system_error>
 #include <thread>
@@ -31,20 +31,28 @@ constexpr U64 kLargestAnswer = 1 << 30;
   throw std::system_error(errno, std::generic_category(), what);
 }
 
+/// A regular file, and no other: a pipe would let its reader wait for ever.
 class File final {
  public:
   File(std::string const& path, int flags)
-      : path_(path), fd_(::open(path.c_str(), flags | O_CLOEXEC | O_NOFOLLOW)) {
-    if (fd_ < 0) fail(path);
+      : path_(path), fd_(::open(path.c_str(), flags | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK)) {
+    struct stat status {};
+    if (fd_ < 0 || ::fstat(fd_, &status) != 0) fail(path);
+    if (S_ISREG(status.st_mode)) return;
+    ::close(fd_);
+    throw std::runtime_error(path + " is not a regular file");
   }
   ~File() { ::close(fd_); }
   File(File const&) = delete;
   int fd() const { return fd_; }
-  /// As many as there are.
-  std::size_t read(void* to, std::size_t bytes, off_t from) const {
-    ssize_t const count = ::pread(fd_, to, bytes, from);
+  std::string const& path() const { return path_; }
+  /// The first `bytes`, or as many as there are.
+  std::vector<char> head(std::size_t bytes) const {
+    std::vector<char> read(bytes);
+    ssize_t const count = ::pread(fd_, read.data(), bytes, 0);
     if (count < 0) fail(path_);
-    return static_cast<std::size_t>(count);
+    read.resize(static_cast<std::size_t>(count));
+    return read;
   }
 
  private:
@@ -52,17 +60,8 @@ class File final {
   int const fd_;
 };
 
-Format::Header headerOf(File const& file, std::string const& path) {
-  Format::Header header{};
-  if (file.read(&header, sizeof header, 0) < sizeof header ||
-      std::memcmp(header.magic, Format::kMagic, sizeof header.magic) != 0) {
-    throw std::runtime_error(path + " holds no records");
-  }
-  if (header.version != Format::kVersion) {
-    throw std::runtime_error(path + " is of version " + std::to_string(header.version) +
-                             ", this program reads " + std::to_string(Format::kVersion));
-  }
-  return header;
+Format::Header headerNow(File const& file) {
+  return headerOf(file.head(sizeof(Format::Header)), file.path());
 }
 
 /// Field 22 of the kernel's line on the process; 0 when there is no such process.
@@ -78,60 +77,29 @@ U64 processStart(Veltro::U32 process) {
 
 /// The whole answer to request `number`, between two writes of the agent; nothing when it is not
 /// there yet.
-std::vector<char> answerTo(U64 number, File const& records, std::string const& path) {
-  Format::Header const before = headerOf(records, path);
+std::vector<char> answerTo(U64 number, File const& records) {
+  Format::Header const before = headerNow(records);
   if (before.answered != number || before.sequence % 2 != 0) return {};
-  if (before.bodyBytes > kLargestAnswer) throw std::runtime_error(path + " is damaged");
-  std::vector<char> bytes(sizeof before + static_cast<std::size_t>(before.bodyBytes));
-  if (records.read(bytes.data(), bytes.size(), 0) < bytes.size()) return {};
-  Format::Header const after = headerOf(records, path);
-  bool const whole =
-      before.sequence == after.sequence && std::memcmp(bytes.data(), &before, sizeof before) == 0;
+  if (before.bodyBytes > kLargestAnswer) throw std::runtime_error(records.path() + " is damaged");
+  std::size_t const size = sizeof before + static_cast<std::size_t>(before.bodyBytes);
+  auto bytes = records.head(size);
+  bool const whole = bytes.size() == size &&
+                     headerOf(bytes, records.path()).sequence == before.sequence &&
+                     headerNow(records).sequence == before.sequence;
   return whole ? bytes : std::vector<char>();
+}
+
+/// Anybody may make the default directory of anybody else.
+void mustBeOurs(std::string const& directory) {
+  struct stat status {};
+  if (::lstat(directory.c_str(), &status) != 0) fail(directory);
+  if (status.st_uid != ::geteuid()) throw std::runtime_error(directory + " is another user's");
 }
 
 }  // namespace
 
-Reply::Reply(std::vector<char> bytes) : bytes_(std::move(bytes)) {
-  std::memcpy(&header_, bytes_.data(), sizeof header_);
-  std::size_t at = header_.headerBytes;
-  for (Veltro::U32 i = 0; i < header_.sectionCount; ++i, at += sizeof(Section)) {
-    Section section{};
-    bool fits = at + sizeof section <= bytes_.size();
-    if (fits) std::memcpy(&section, bytes_.data() + at, sizeof section);
-    fits = fits && U64{section.offset} + U64{section.count} * section.recordBytes <= bytes_.size();
-    if (!fits) throw std::runtime_error("the agent's answer is damaged");
-    sections_.push_back(section);
-  }
-}
-
-Reply::Section Reply::_section(Kind kind) const {
-  for (Section const& section : sections_) {
-    if (section.kind == static_cast<Veltro::U32>(kind)) return section;
-  }
-  return {};
-}
-
-void Reply::_copy(Kind kind, std::size_t index, void* record, std::size_t bytes) const {
-  Section const section = _section(kind);
-  std::memcpy(record, bytes_.data() + section.offset + index * section.recordBytes,
-              std::min<std::size_t>(bytes, section.recordBytes));
-}
-
-std::string Reply::string(Veltro::U32 offset) const {
-  Section const strings = _section(Kind::strings);
-  if (offset >= strings.count) return "?";
-  char const* const text = bytes_.data() + strings.offset + offset;
-  return std::string(text, ::strnlen(text, strings.count - offset));
-}
-
-std::string Reply::error() const {
-  Section const section = _section(Kind::error);
-  return std::string(bytes_.data() + section.offset, section.count);
-}
-
 Agent::Agent(std::string path) : path_(std::move(path)) {
-  header_ = headerOf(File(path_ + ".records", O_RDONLY), path_ + ".records");
+  header_ = headerNow(File(path_ + ".records", O_RDONLY));
 }
 
 bool Agent::alive() const {
@@ -164,7 +132,7 @@ Reply Agent::ask(std::string const& request, double timeout) const {
     if (::write(control.fd(), line.data(), line.size()) < 0) fail(path_ + ".control");
   }
   for (;;) {
-    auto bytes = answerTo(number, records, path_ + ".records");
+    auto bytes = answerTo(number, records);
     if (!bytes.empty()) {
       Reply reply(std::move(bytes));
       if (!reply.error().empty()) throw std::runtime_error(name() + ": " + reply.error());
@@ -196,9 +164,9 @@ std::vector<Agent> AgentChoice::all() const {
       paths.push_back((entry.path().parent_path() / entry.path().stem()).string());
     }
   }
-  if (error && error != std::errc::no_such_file_or_directory) {
-    throw std::system_error(error, where);
-  }
+  if (error == std::errc::no_such_file_or_directory) return {};
+  if (error) throw std::system_error(error, where);
+  if (!named) mustBeOurs(where);
   std::sort(paths.begin(), paths.end());
   std::vector<Agent> agents;
   for (std::string const& path : paths) {
@@ -209,8 +177,11 @@ std::vector<Agent> AgentChoice::all() const {
       } else {
         found.sweep();
       }
-    } catch (std::system_error const& gone) {
-      if (gone.code() != std::errc::no_such_file_or_directory) throw;
+    } catch (std::exception const& fault) {
+      auto const* const system = dynamic_cast<std::system_error const*>(&fault);
+      bool const ended =
+          system != nullptr && system->code() == std::errc::no_such_file_or_directory;
+      if (!ended) std::cerr << "veltro: " << fault.what() << '\n';
     }
   }
   return agents;

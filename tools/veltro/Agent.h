@@ -4,45 +4,12 @@
 #include <vector>
 
 #include "Command.h"
-#include "Veltro/IntrospectionFormat.h"
+#include "Reply.h"
 
 namespace Operator {
 
-/// An agent's answer, whole. Records are copied out by kind; a newer agent's longer ones are cut,
-/// an older one's shorter ones end in zeros.
-class Reply final {
- public:
-  using Kind = Veltro::IntrospectionFormat::Kind;
-
-  /// Throws std::runtime_error where offsets and sizes do not fit together.
-  explicit Reply(std::vector<char> bytes);
-
-  Veltro::IntrospectionFormat::Header const& header() const { return header_; }
-  template <typename Record>
-  std::vector<Record> records(Kind kind) const {
-    std::vector<Record> records;
-    for (std::size_t i = 0; i < _count(kind); ++i) {
-      records.emplace_back();
-      _copy(kind, i, &records.back(), sizeof(Record));
-    }
-    return records;
-  }
-  std::string string(Veltro::U32 offset) const;
-  /// Why there is nothing else; "" when there is.
-  std::string error() const;
-
- private:
-  using Section = Veltro::IntrospectionFormat::Section;
-  Section _section(Kind kind) const;
-  std::size_t _count(Kind kind) const { return _section(kind).count; }
-  void _copy(Kind kind, std::size_t index, void* record, std::size_t bytes) const;
-
-  std::vector<char> const bytes_;
-  Veltro::IntrospectionFormat::Header header_;
-  std::vector<Section> sections_;
-};
-
-/// A thread of an agent that lets itself be seen.
+/// A thread of an agent that lets itself be seen. Throws std::runtime_error where its file holds
+/// something else, std::system_error where it cannot be read.
 class Agent final {
  public:
   explicit Agent(std::string path);
@@ -73,7 +40,7 @@ struct AgentChoice {
   double timeout = 5;
 
   void addTo(CLI::App& command);
-  /// All that live, in the order of their names.
+  /// All that live, in the order of their names. What is no agent's is told of and passed over.
   std::vector<Agent> all() const;
   /// The one that is meant; throws NoAgent when there is none, or more than one.
   Agent chosen() const;
