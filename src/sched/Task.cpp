@@ -133,6 +133,7 @@ void TaskImpl::taskQuantumIs(Nanoseconds quantum) {
 
 void TaskImpl::taskSuspendedForTestIs(bool suspended) {
   if (suspended == taskSuspendedForTest_) return;
+  sanityCheckCurrentRunningThread();
   taskSuspendedForTest_ = suspended;
   TimePoint const now = Clock::now();
   if (suspended) {
@@ -149,6 +150,7 @@ void TaskImpl::taskSuspendedForTestIs(bool suspended) {
 
 void TaskImpl::taskForceYieldInTestIs(bool force) {
   if (force == taskForceYieldInTest_) return;
+  sanityCheckCurrentRunningThread();
   taskForceYieldInTest_ = force;
   force ? _forceYieldOn() : _forceYieldOff();
   taskScheduler()->taskForceYieldInTestNotify(this, force);

@@ -279,6 +279,8 @@ TEST(RootThreadsTest, theThreadCheck) {
       {"unregister", [&] { root->taskUnregister(task.get()); }},
       {"run", [&] { root->handleSchedulerRun(); }},
       {"run from test", [&] { task->taskRunFromTest(); }},
+      {"suspend", [&] { task->taskSuspendedForTestIs(true); }},
+      {"force yield", [&] { task->taskForceYieldInTestIs(true); }},
       {"delay", [&] { timer->scheduleTaskDelay(1.0); }},
       {"delay of zero", [&] { timer->scheduleTaskDelay(0ns); }},
       {"lowest delay", [&] { timer->scheduleTaskLowestDelay(1s); }},
@@ -302,6 +304,7 @@ TEST(RootThreadsTest, theThreadCheck) {
                                " scheduler belongs to thread [0-9]+\\(.+\\) pid " + pid));
     });
   }
+  EXPECT_FALSE(task->taskSuspendedForTest() || task->taskForceYieldInTest());
   elsewhere([] { EXPECT_EQ("stranger", TaskSchedulerRoot::currentThreadName()); });
   EXPECT_EQ("", assertionOf([&] { root->sanityCheckCurrentRunningThread(); }));
   auto const passes = [&] {
