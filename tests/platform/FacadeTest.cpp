@@ -1,5 +1,6 @@
-// Which loop stands behind a thread's controls, and the slots that programs call by.
-#include <gmock/gmock.h>
+// Which loop stands behind a thread's controls.
+
+#include <gtest/gtest.h>
 
 #include <future>
 #include <string>
@@ -7,16 +8,12 @@
 #include <vector>
 
 #include "Veltro/Debug.h"
-#include "src/platform/KivClockTimer.h"
 #include "tests/platform/Backends.h"
 #include "tests/support/Asserts.h"
 #include "tests/support/Child.h"
-#include "tests/support/SlotOrder.h"
 
 namespace Veltro {
 namespace {
-
-using testing::ElementsAre;
 
 template <typename Expected, typename Control>
 bool is(std::shared_ptr<Control> const& control) {
@@ -121,32 +118,6 @@ TEST(FacadeTest, aForkedWorkerKeepsItsLoop) {
       EXPECT_TRUE(getsLibevent());
     });
   });
-}
-
-// The first two slots are the destructor's.
-TEST(FacadeTest, slotsStay) {
-  using P = Platform;
-  EXPECT_THAT(slotsOf(&P::TimeoutHandler::timeout, &P::TimeoutHandler::handleTimeoutException),
-              ElementsAre(2, 3));
-  EXPECT_THAT(slotsOf(&P::FdEventHandler::readFdEvent, &P::FdEventHandler::writeFdEvent,
-                      &P::FdEventHandler::handleFdException),
-              ElementsAre(2, 3, 4));
-  EXPECT_THAT(slotsOf(&P::CallbackHandler::callback, &P::CallbackHandler::handleCallbackException),
-              ElementsAre(2, 3));
-  EXPECT_THAT(slotsOf(&P::TimerControl::setTimeout, &P::TimerControl::delTimeout,
-                      &P::TimerControl::remainingTimeout),
-              ElementsAre(2, 3, 4));
-  EXPECT_THAT(slotsOf(&P::FdControl::setReads, &P::FdControl::setWrites, &P::FdControl::setFd,
-                      &P::FdControl::delFd, &P::FdControl::getFd, &P::FdControl::clearEvents),
-              ElementsAre(2, 3, 4, 5, 6, 7));
-  EXPECT_THAT(slotsOf(&P::CallbackControl::requestCallback, &P::CallbackControl::cancelCallback,
-                      &P::CallbackControl::pendingCallback),
-              ElementsAre(2, 3, 4));
-  using LeCallback = LibeventCallbackControl;
-  EXPECT_THAT(slotsOf(&LeCallback::requestCallback, &LeCallback::cancelCallback,
-                      &LeCallback::pendingCallback, &LeCallback::timeout),
-              ElementsAre(2, 3, 4, 5));
-  EXPECT_EQ(5u, slotOf(&KivVeltro::ClockTimer::onNotificationException));
 }
 
 }  // namespace

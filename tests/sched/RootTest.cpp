@@ -131,38 +131,35 @@ TEST_P(RootTest, aDescriptorIsWatchedAsTheTaskSays) {
   run([] {
     SocketPair first, second;
     auto const channel = std::make_shared<Channel>("c");
-    unsigned reads = 0, writes = 0;
+    std::string log;
     channel->onRead = [&] {
-      ++reads;
+      log += 'r';
       channel->taskWatchReadableIs(false);
     };
     channel->onWrite = [&] {
-      ++writes;
+      log += 'w';
       channel->taskWatchWritableIs(false);
     };
-    auto const counts = [&] {
+    auto const logged = [&] {
       Platform::doEventLoop(0.005);
-      return std::pair(std::exchange(reads, 0u), std::exchange(writes, 0u));
+      return std::exchange(log, "");
     };
-    using Counts = std::pair<unsigned, unsigned>;
     first.send();
+    second.send();
     channel->taskWatchFdIs(first.fd[0]);
-    EXPECT_EQ(Counts(0, 0), counts()) << "no interest, no event";
+    EXPECT_EQ("", logged()) << "no interest, no event";
     channel->taskWatchWritableIs(true);
-    EXPECT_EQ(Counts(0, 1), counts());
-    channel->taskWatchReadableIs(true);
-    EXPECT_EQ(Counts(1, 0), counts());
+    EXPECT_EQ("w", logged());
     channel->taskWatchReadableIs(true);
     channel->preFdCloseCleanup();
-    EXPECT_EQ(Counts(0, 0), counts()) << "cleaned up";
-    second.send();
+    EXPECT_EQ("", logged());
     channel->taskWatchFdIs(second.fd[0]);
-    EXPECT_EQ(Counts(1, 0), counts()) << "the interest came back";
+    EXPECT_EQ("r", logged()) << "the interest came back";
     channel->taskWatchReadableIs(true);
     channel->taskWatchFdDel();
     EXPECT_EQ(-1, channel->taskWatchFd());
     channel->taskWatchFdIs(first.fd[0]);
-    EXPECT_EQ(Counts(1, 0), counts());
+    EXPECT_EQ("r", logged());
     EXPECT_EQ("99 == " + std::to_string(first.fd[0]),
               assertionOf([&] { channel->fdNotifiee()->readFdEvent(99); }));
     EXPECT_THAT(assertionOf([&] { channel->fdNotifiee()->writeFdEvent(98); }), HasSubstr("98 == "));

@@ -85,20 +85,6 @@ TEST(TaskStatTest, statusString) {
   }
 }
 
-TEST(TaskStatTest, flagBits) {
-  TaskStat::TaskStatus status;
-  unsigned char next = 0x01;
-  for (auto const setter :
-       {&TaskStat::TaskStatus::taskTimerIs, &TaskStat::TaskStatus::taskTimerRunningIs,
-        &TaskStat::TaskStatus::taskOnRunQueueIs, &TaskStat::TaskStatus::taskCurrentlyRunningIs,
-        &TaskStat::TaskStatus::taskSuspendedForTestIs}) {
-    EXPECT_FALSE(status.bitmaskHasBitSet(next));
-    (status.*setter)(true);
-    EXPECT_TRUE(status.bitmaskHasBitSet(next));
-    next = static_cast<unsigned char>(next << 1);
-  }
-}
-
 TEST(TaskStatTest, foldingAddsCountsAndReplacesWhatIsLast) {
   TaskStat mine = stat();
   TaskStat other = stat();
