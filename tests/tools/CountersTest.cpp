@@ -12,7 +12,7 @@
 #include "Veltro/ShmemMan.h"
 #include "tests/support/OwnVar.h"
 #include "tests/support/TempDir.h"
-#include "tests/tools/Tool.h"
+#include "tests/tools/RunningAgent.h"
 
 namespace fs = std::filesystem;
 
@@ -177,19 +177,23 @@ TEST_F(CountersTest, saysWhatIsWrong) {
 
 // Bash itself reads the script and completes.
 TEST_F(CountersTest, completesItsWords) {
-  auto const completed = [this](std::string const& words, int at) {
+  RunningAgent const agent;
+  auto const completed = [&](std::string const& words, int at) {
     return shell("cd " + temp.path() +
                  " && bash -c 'source <(" VELTRO_TOOL
                  " completion) && "
-                 "COMP_WORDS=(" +
-                 words + ") COMP_CWORD=" + std::to_string(at) +
-                 " && _veltro && echo ${COMPREPLY[@]}' 2>&1")
+                 "export VELTRO_INTROSPECT=$(dirname " +
+                 agent.errorsFile() + ") && COMP_WORDS=(" VELTRO_TOOL " " + words +
+                 ") COMP_CWORD=" + std::to_string(at) + " && _veltro && echo ${COMPREPLY[@]}' 2>&1")
         .text;
   };
-  EXPECT_EQ("counters\n", completed("veltro cou", 1));
-  EXPECT_EQ("--once\n", completed("veltro top --o", 2));
-  EXPECT_EQ("--file --follow\n", completed("veltro counters --f", 2));
-  EXPECT_EQ("file\n", completed("veltro counters fi", 2));
+  EXPECT_EQ("counters\n", completed("cou", 1));
+  EXPECT_EQ("--once\n", completed("top --o", 2));
+  EXPECT_EQ("--file --follow\n", completed("counters --f", 2));
+  EXPECT_EQ("file\n", completed("counters fi", 2));
+  EXPECT_EQ("file\n", completed("trace -o fi", 3));
+  std::string const main = "agent." + agent.process() + "." + agent.process();
+  EXPECT_EQ(main + "\n", completed("trace " + main, 2));
 }
 
 }  // namespace

@@ -16,28 +16,39 @@ std::string optionsOf(CLI::App const& command) {
   return words;
 }
 
+// Words that do not begin with "-" are agents, as the program itself finds them, where the command
+// asks one; all others, and what an option takes, are files.
 void print(CLI::App const& program) {
   std::string commands;
   std::string cases;
   for (CLI::App const* command : program.get_subcommands(nullptr)) {
     commands += " " + command->get_name();
-    cases += "    " + command->get_name() + ") words='" + optionsOf(*command).substr(1) + "' ;;\n";
+    cases += "    " + command->get_name() + ") words='" + optionsOf(*command).substr(1) + "'";
+    if (command->get_option_no_throw("AGENT") != nullptr) cases += " agents=yes";
+    cases += " ;;\n";
   }
-  std::cout << "# bash completion for veltro\n"
-               "_veltro() {\n"
-               "  local word=${COMP_WORDS[COMP_CWORD]} words='' command=''\n"
-               "  ((COMP_CWORD > 1)) && command=${COMP_WORDS[1]}\n"
-               "  case $command in\n"
-               "    '') words='"
+  std::cout << R"(# bash completion for veltro
+_veltro() {
+  local word=${COMP_WORDS[COMP_CWORD]} words='' command='' agents=''
+  ((COMP_CWORD > 1)) && command=${COMP_WORDS[1]}
+  case $command in
+    '') words=')"
             << commands.substr(1) << optionsOf(program) << "' ;;\n"
-            << cases
-            << "  esac\n"
-               "  mapfile -t COMPREPLY < <(compgen -W \"$words\" -- \"$word\")\n"
-               "  [[ $command && $word != -* ]] && mapfile -t -O ${#COMPREPLY[@]} COMPREPLY \\\n"
-               "    < <(compgen -f -- \"$word\")\n"
-               "  return 0\n"
-               "}\n"
-               "complete -o filenames -F _veltro veltro\n";
+            << cases << R"(  esac
+  if [[ $command && $word != -* ]]; then
+    words=''
+    if [[ $agents && ${COMP_WORDS[COMP_CWORD-1]} != -* ]]; then
+      words=$("${COMP_WORDS[0]}" agents 2>/dev/null | sed '1d; s/ .*//')
+    else
+      mapfile -t COMPREPLY < <(compgen -f -- "$word")
+      return 0
+    fi
+  fi
+  mapfile -t COMPREPLY < <(compgen -W "$words" -- "$word")
+  return 0
+}
+complete -o filenames -F _veltro veltro
+)";
   if (!std::cout.flush()) throw std::runtime_error("standard output does not take the script");
 }
 
