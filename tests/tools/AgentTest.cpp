@@ -129,7 +129,10 @@ TEST_F(AgentTest, traceIsATimeline) {
     ++phases[phase];
     EXPECT_EQ(agent.process(), std::to_string(event["pid"].GetUint()));
     EXPECT_EQ(agent.process(), std::to_string(event["tid"].GetUint()));
-    if (phase == "M") continue;
+    if (phase == "M") {
+      EXPECT_STREQ("agent", event["args"]["name"].GetString()) << event["name"].GetString();
+      continue;
+    }
     EXPECT_GT(event["ts"].GetDouble(), 0);
     if (phase == "C") {
       EXPECT_LE(event["args"]["tasks"].GetUint64(), 4u);

@@ -1,7 +1,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/ptrace.h>
+#include <time.h>
 
 #include <atomic>
+#include <cstring>
 #include <regex>
 
 #include "Veltro/Exception.h"
@@ -40,6 +43,73 @@ TEST(WatchdogTest, tellsOfAStuckTaskWhileItIsStuck) {
     }
     EXPECT_EQ(7, agent.end());
   }
+}
+
+// While it is attached there is no report, however long the stall; there is one as soon as it
+// leaves.
+TEST(WatchdogTest, isSilentWhileADebuggerIsAttached) {
+  RunningAgent agent("computing");
+  pid_t const process = std::stoi(agent.process());
+  std::regex const line("stall: task '[^']*' has run for ([0-9.]+) s");
+  auto const lastReport = [&] {
+    std::string const errors = agent.errors();
+    double seconds = 0;
+    for (std::sregex_iterator at(errors.begin(), errors.end(), line), end; at != end; ++at) {
+      seconds = std::stod((*at)[1]);
+    }
+    return seconds;
+  };
+  auto const processorTimeReaches = [&](double seconds) {
+    clockid_t clock{};
+    timespec used{};
+    ::clock_getcpuclockid(process, &clock);
+    while (::clock_gettime(clock, &used) == 0 &&
+           static_cast<double>(used.tv_sec) + static_cast<double>(used.tv_nsec) / 1e9 < seconds) {
+      std::this_thread::yield();
+    }
+  };
+  ASSERT_EQ(0, ::ptrace(PTRACE_SEIZE, process, nullptr, nullptr)) << std::strerror(errno);
+  processorTimeReaches(0.1);  // a report that was under way is out
+  double const before = lastReport();
+  processorTimeReaches(4 * before + 0.5);
+  EXPECT_EQ(before, lastReport());
+  ::ptrace(PTRACE_INTERRUPT, process, nullptr, nullptr);
+  ::waitpid(process, nullptr, __WALL);
+  ASSERT_EQ(0, ::ptrace(PTRACE_DETACH, process, nullptr, nullptr)) << std::strerror(errno);
+  while (lastReport() == before) std::this_thread::yield();
+  EXPECT_GT(lastReport(), 2 * before);
+  EXPECT_EQ(7, agent.end());
+}
+
+// A clock that went on while nothing ran, as over a sleep of the machine, makes no stall.
+TEST(WatchdogTest, isSilentWhenTheProcessWasStopped) {
+  static constexpr std::chrono::milliseconds kLimit(200);
+  pid_t const child = ::fork();
+  if (child == 0) {
+    std::atomic<int> reports{0};
+    auto const root = schedulerRootVeltro();
+    StallWatchdog const watchdog(*root, kLimit, [&](StallWatchdog::Report const&) { ++reports; });
+    struct Stopped final : Task {
+      using Task::Task;
+      void taskExecute() override {
+        std::this_thread::sleep_for(kLimit * 3 / 10);  // the watchdog has a look
+        ::raise(SIGSTOP);
+        std::this_thread::sleep_for(kLimit * 3 / 10);  // and another
+      }
+    };
+    auto const task = std::make_shared<Stopped>(root.get(), TaskPriority::normal, "stopped");
+    task->scheduleTask();
+    Platform::doEventLoop();
+    ::_exit(reports);
+  }
+  int status = -1;
+  ::waitpid(child, &status, WUNTRACED);
+  ASSERT_TRUE(WIFSTOPPED(status));
+  std::this_thread::sleep_for(5 * kLimit);
+  ::kill(child, SIGCONT);
+  ::waitpid(child, &status, 0);
+  EXPECT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(0, WEXITSTATUS(status));
 }
 
 struct Sleeper final : Task {
