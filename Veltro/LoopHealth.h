@@ -10,7 +10,7 @@ namespace Veltro {
 
 /// How well the type system's loop turns: how late its timers are, how long a pass takes, how much
 /// of the time it waits for work, how many events a pass serves. Log-2 histograms over windows of
-/// five seconds.
+/// five seconds. A thread's own loop on libevent has none: there the scheduler's worst slip serves.
 ///
 /// Measures only while it was asked to: else a pass costs one compare. One for the process, as the
 /// loop is; belongs to its thread. Never destroyed.

@@ -37,12 +37,28 @@ done
 
 cat <<'END'
 
+# ENVIRONMENT
+
+VELTRO_INTROSPECT
+	Of an agent: "1" lets it be seen, a value that begins with "/" in that directory. Of *veltro*:
+	the directory to look in.
+
+VELTRO_WATCHDOG
+	Of an agent: "1" reports tasks that run for ten quanta and more to standard error, a larger number
+	those that run for so many milliseconds.
+
 # FILES
+
+/tmp/veltro-_UID_/
+	Agents that let themselves be seen.
 
 /var/shmem/shmem/counters/
 	Counter files and their logs.
 
+/usr/share/KivVeltro/gdb/veltro.py
+	The same questions for *gdb*(1), of a process or a core.
+
 # SEE ALSO
 
-*veltro-counter-file*(5), *veltro-attribute-log*(5)
+*veltro-agent-files*(5), *veltro-counter-file*(5), *veltro-attribute-log*(5)
 END
