@@ -199,8 +199,9 @@ Agent AgentChoice::chosen() const {
     if (meant) found.push_back(candidate);
   }
   if (found.empty()) {
-    throw NoAgent(agent.empty() ? "no agent lets itself be seen (VELTRO_INTROSPECT=1 makes one)"
-                                : "there is no agent '" + agent + "'");
+    throw NoAgent(
+        (agent.empty() ? "no agent lets itself be seen" : "there is no agent '" + agent + "'") +
+        " (it is seen when it has tasks and was started with VELTRO_INTROSPECT=1)");
   }
   // Threads of one process: its name means the main one.
   bool const oneProcess = std::all_of(found.begin(), found.end(), [&](Agent const& a) {
