@@ -32,6 +32,7 @@ void lowerMinTime(event const& timer) {
   timeval deadline{};
   if (!pending(timer, deadline)) return;
   auto const seconds = static_cast<std::int32_t>(deadline.tv_sec);
+  if (seconds <= 0) return;  // told by a clock whose 32 bits have run out
   std::int32_t const lowest = minTime.load(std::memory_order_relaxed);
   if (lowest == 0 || seconds < lowest) minTime.store(seconds, std::memory_order_relaxed);
 }
