@@ -1,8 +1,8 @@
 #pragma once
-#include <map>
 #include <utility>
 
 #include "Kiv/Entity.h"
+#include "Kiv/IndexedMap.h"
 
 namespace Kiv {
 
@@ -10,8 +10,9 @@ namespace detail {
 struct Restoring;
 }
 
-/// Values of an entity by key, in the order of the keys: `block("a")` reads, `block.is("a", 3)`
-/// and `block.del("a")` change and notify with the key.
+/// Values of an entity by key, in the order of the keys: `block("a")` reads, in constant time;
+/// `block.is("a", 3)` and `block.del("a")` change and notify with the key. Keys order, compare and
+/// hash.
 ///
 /// A member of its entity: `Kiv::Collection<Kiv::String, U32> block{*this, &Notifiee::onBlock};`.
 /// After a notification the entity may be gone, see Attribute::is().
@@ -19,7 +20,7 @@ template <typename K, typename V>
 class Collection final : private EntityPart {
  public:
   /// In the order of the keys.
-  using Map = std::map<K, V>;
+  using Map = typename detail::IndexedMap<K, V>::Map;
 
   /// A part of `owner`; with a reaction, its notifiees hear of each key that changes.
   explicit Collection(Entity& owner) : EntityPart(owner) {}
@@ -29,37 +30,38 @@ class Collection final : private EntityPart {
 
   /// The key's value, or V() where there is none.
   V operator()(K const& key) const {
-    auto const at = map_.find(key);
-    return at == map_.end() ? V() : at->second;
+    V const* const held = entries_.find(key);
+    return held == nullptr ? V() : *held;
   }
   /// Whether the key has a value.
-  bool has(K const& key) const { return map_.find(key) != map_.end(); }
+  bool has(K const& key) const { return entries_.find(key) != nullptr; }
   /// All of them; valid until the next change.
-  Map const& all() const { return map_; }
+  Map const& all() const { return entries_.ordered(); }
 
   /// Adds or replaces; notifies unless the same value was there.
   void is(K const& key, V value) {
-    auto const [at, added] = map_.try_emplace(key, value);
-    if (!added) {
-      if (at->second == value) return;
-      at->second = std::move(value);
+    if (V* const held = entries_.find(key)) {
+      if (*held == value) return;
+      *held = std::move(value);
+    } else {
+      entries_.add(key, std::move(value));
     }
     _changed(key);
   }
 
   /// Removes, notifies, and returns what was there; V(), without notification, if nothing was.
   V del(K const& key) {
-    auto node = map_.extract(key);
-    if (node.empty()) return V();
-    _changed(node.key());
-    return std::move(node.mapped());
+    auto entry = entries_.take(key);
+    if (entry.empty()) return V();
+    _changed(entry.key());
+    return std::move(entry.mapped());
   }
 
   /// Removes all, then notifies of each key, in order.
   void delAll() {
-    Map removed;
-    map_.swap(removed);
-    for (auto const& entry : removed) {
+    detail::IndexedMap<K, V> removed;
+    entries_.swap(removed);
+    for (auto const& entry : removed.ordered()) {
       if (!_changed(entry.first)) return;
     }
   }
@@ -84,7 +86,7 @@ class Collection final : private EntityPart {
   }
 
   Reaction reaction_ = nullptr;
-  Map map_;
+  detail::IndexedMap<K, V> entries_;
 };
 
 }  // namespace Kiv

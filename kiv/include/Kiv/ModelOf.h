@@ -75,25 +75,25 @@ struct Restoring {
     explicit OfCollection(Collection<K, V>& collection) : collection_(collection) {}
     void take(Value const* key, Value const& value) override {
       if (key == nullptr) return;
-      K converted = ValueType<K>::from(*key);  // before the value, so that it is named first
-      if (!map_.emplace(std::move(converted), ValueType<V>::from(value)).second) {
+      K const converted = ValueType<K>::from(*key);  // before the value, so that it is named first
+      if (!entries_.add(converted, ValueType<V>::from(value))) {
         throw RangeException("key " + key->text() + " comes twice");
       }
     }
-    void commit() noexcept override { collection_.map_.swap(map_); }
+    void commit() noexcept override { collection_.entries_.swap(entries_); }
     void notify() override {
       std::map<K, bool> changed;  // copies: a reaction may change the collection, or end it
-      for (auto const& [key, value] : map_) {
-        auto const now = collection_.map_.find(key);
-        if (now == collection_.map_.end() || !(now->second == value)) changed[key];
+      for (auto const& [key, value] : entries_.ordered()) {
+        V const* const now = collection_.entries_.find(key);
+        if (now == nullptr || !(*now == value)) changed[key];
       }
-      for (auto const& entry : collection_.map_) {
-        if (map_.find(entry.first) == map_.end()) changed[entry.first];
+      for (auto const& entry : collection_.all()) {
+        if (entries_.find(entry.first) == nullptr) changed[entry.first];
       }
       for (auto const& entry : changed) collection_._changed(entry.first);
     }
     Collection<K, V>& collection_;
-    std::map<K, V> map_;
+    IndexedMap<K, V> entries_;
   };
 };
 
