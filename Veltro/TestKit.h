@@ -40,9 +40,9 @@ class TestKit final : public TaskSchedulerRoot {
   /// More than any test means to run.
   static constexpr unsigned kManyRuns = 1000000;
 
-  /// Equal seeds draw equal jitter.
-  explicit TestKit(U32 jitterSeed = 1)
-      : TaskSchedulerRoot("TestKit", Nanoseconds::zero()),
+  /// Equal seeds draw equal jitter. No timer is shorter than `minimumTimerDelay`.
+  explicit TestKit(U32 jitterSeed = 1, Nanoseconds minimumTimerDelay = Nanoseconds::zero())
+      : TaskSchedulerRoot("TestKit", minimumTimerDelay),
         origin_(std::chrono::steady_clock::now()) {
     jitterSeedIs(jitterSeed);
   }

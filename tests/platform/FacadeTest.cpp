@@ -2,15 +2,14 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <future>
-#include <string>
 #include <thread>
 #include <vector>
 
 #include "Veltro/Debug.h"
 #include "tests/platform/Backends.h"
 #include "tests/support/Asserts.h"
-#include "tests/support/Child.h"
 
 namespace Veltro {
 namespace {
@@ -30,32 +29,6 @@ bool getsLibevent() {
   EXPECT_EQ(result, is<LibeventCallbackControl>(Platform::getCallbackControl(&back)));
   return result;
 }
-
-/// A thread that makes a first call, and says after the opt-in what it gets.
-class Asker {
- public:
-  explicit Asker(std::function<void()> firstCall)
-      : thread_([this, firstCall = std::move(firstCall)] {
-          firstCall();
-          called_.set_value();
-          optedIn_.get_future().wait();
-          answer_.set_value(getsLibevent());
-          leFree();
-        }) {
-    called_.get_future().wait();
-  }
-  ~Asker() { thread_.join(); }
-  bool getsLibeventNow() {
-    optedIn_.set_value();
-    return answer_.get_future().get();
-  }
-
- private:
-  std::promise<void> called_;
-  std::promise<void> optedIn_;
-  std::promise<bool> answer_;
-  std::thread thread_;
-};
 
 TEST(FacadeTest, aThreadKeepsTheLoopOfItsFirstCall) {
   ASSERT_FALSE(hasThreadLocalSingletons()) << "run this test in a process of its own";
@@ -77,14 +50,24 @@ TEST(FacadeTest, aThreadKeepsTheLoopOfItsFirstCall) {
        },
        true},
   };
-  std::vector<std::unique_ptr<Asker>> askers;
-  for (auto const& c : cases) askers.push_back(std::make_unique<Asker>(c.firstCall));
+  std::atomic<std::size_t> called{0};
+  std::promise<void> optIn;
+  auto const optedIn = optIn.get_future().share();
+  std::vector<std::thread> threads;
+  for (auto const& c : cases) {
+    threads.emplace_back([&] {
+      c.firstCall();
+      ++called;
+      optedIn.wait();
+      EXPECT_EQ(c.libevent, getsLibevent()) << c.name;
+      leFree();
+    });
+  }
+  while (called < threads.size()) std::this_thread::yield();
   useThreadLocalSingletons();
   EXPECT_TRUE(hasThreadLocalSingletons());
-  for (std::size_t i = 0; i < askers.size(); ++i) {
-    SCOPED_TRACE(cases[i].name);
-    EXPECT_EQ(cases[i].libevent, askers[i]->getsLibeventNow());
-  }
+  optIn.set_value();
+  for (std::thread& thread : threads) thread.join();
   EXPECT_FALSE(getsLibevent()) << "the main thread";
 }
 
@@ -107,17 +90,6 @@ TEST(FacadeTest, fastForwardIsNotForThreadsWithALoopOfTheirOwn) {
   timer->setTimeout(5);
   Platform::setFastForward(false);
   EXPECT_NEAR(5, timer->remainingTimeout(), 1) << "time does not go back";
-}
-
-TEST(FacadeTest, aForkedWorkerKeepsItsLoop) {
-  LibeventBackend::run([] {
-    EXPECT_TRUE(getsLibevent());
-    EXPECT_FALSE(isMainThread());
-    inChild([] {
-      EXPECT_TRUE(isMainThread());
-      EXPECT_TRUE(getsLibevent());
-    });
-  });
 }
 
 }  // namespace

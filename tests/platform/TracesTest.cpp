@@ -9,29 +9,28 @@
 
 #include "Veltro/Debug.h"
 #include "tests/platform/Backends.h"
+#include "tests/support/Asserts.h"
 #include "tests/support/StandardError.h"
 
 namespace Veltro {
 namespace {
 
 using testing::ElementsAre;
-using testing::IsEmpty;
 using testing::StartsWith;
-using Action = std::function<void()>;
-using Lines = std::vector<std::string>;
 
-Lines traces(char const* category, Action const& body) {
+/// The records of a category, the prefix that they share taken off.
+std::vector<std::string> traces(char const* category, std::string const& prefix,
+                                std::function<void()> const& body) {
   Platform::setTraceFormat("%l %m");
   Platform::setupVeltroDebug(category);
-  Lines lines = standardError(body);
+  std::vector<std::string> lines = standardError(body);
   Platform::clearVeltroDebug(category);
   Platform::clearTraceFormat();
+  for (std::string& line : lines) {
+    if (line.compare(0, prefix.size(), prefix) == 0) line.erase(0, prefix.size());
+  }
   return lines;
 }
-Lines kiv(Action const& body) { return traces("KivVeltro", body); }
-Lines libevent(Action const& body) { return traces("VeltroLibevent", body); }
-
-void throwOne() { throw 1; }
 
 /// Runs a loop that a handler may leave by exception.
 void run(int (*loop)() = &Platform::doEventLoop) {
@@ -40,137 +39,130 @@ void run(int (*loop)() = &Platform::doEventLoop) {
   } catch (int) {
   }
 }
-void fire(Platform::TimerControl& timer, int (*loop)() = &Platform::doEventLoop) {
-  timer.setTimeout(0);
-  run(loop);
-}
+void throwOne() { throw 1; }
 
-struct DescriptorTracesTest : testing::Test {
-  DescriptorTracesTest() { EXPECT_EQ(0, ::socketpair(AF_UNIX, SOCK_STREAM, 0, ends)); }
-  ~DescriptorTracesTest() override {
-    ::close(ends[0]);
-    ::close(ends[1]);
+struct TracesTest : testing::Test {
+  TracesTest() { EXPECT_EQ(0, ::socketpair(AF_UNIX, SOCK_STREAM, 0, ends)); }
+  ~TracesTest() override {
+    for (int const end : ends) ::close(end);
   }
   int ends[2] = {-1, -1};
 };
 
-TEST(TracesTest, typeSystemTimersAndCallbacks) {
-  std::string const prefix = "5 KivVeltro::ClockTimer::";
-  std::string const set = prefix + "setTimeout()", del = prefix + "delTimeout()";
-  std::string const remaining = prefix + "remainingTimeout()", fired = prefix + "onTime()";
-  std::string const orphan = prefix + "Notifiee::orphan()";
-  std::string const ignored = prefix + "Notifiee::onTime() ignoring orphan";
-  std::string const handled =
+TEST_F(TracesTest, typeSystemTimersAndCallbacks) {
+  char const* const handled =
       "9 ClockTimer::Notifiee::onNotificationException: "
       "Timeout notification exception was handled";
-  Timeout handler;
-  std::shared_ptr<Platform::TimerControl> timer;
-  EXPECT_THAT(kiv([&] { timer = Platform::getTimerControl(&handler); }), IsEmpty());
-  EXPECT_THAT(kiv([&] { timer->setTimeout(100); }), ElementsAre(set));
-  EXPECT_THAT(kiv([&] { timer->remainingTimeout(); }), ElementsAre(remaining));
-  EXPECT_THAT(kiv([&] { timer->delTimeout(); }), ElementsAre(del));
-  EXPECT_THAT(kiv([&] { fire(*timer); }), ElementsAre(set, fired));
-  handler.onTimeout = throwOne;
-  for (bool const answer : {false, true}) {
-    handler.answer = answer;
-    EXPECT_THAT(kiv([&] { fire(*timer); }), ElementsAre(set, fired, handled)) << answer;
-  }
-  EXPECT_THAT(kiv([&] { timer.reset(); }), ElementsAre(orphan, del));
-
-  timer = Platform::getTimerControl(&handler);
+  Timeout handler(throwOne);
+  Callback back(throwOne);
+  auto timer = Platform::getTimerControl(&handler);
   Timeout killer([&] { timer.reset(); });
   auto const first = Platform::getTimerControl(&killer);
-  first->setTimeout(0);
-  timer->setTimeout(0);
-  EXPECT_THAT(kiv([] { run(); }), ElementsAre(fired, orphan, del, ignored));
-
-  Callback back(throwOne);
   auto const callback = Platform::getCallbackControl(&back);
-  EXPECT_THAT(kiv([&] { callback->requestCallback(); }), ElementsAre(set));
-  EXPECT_THAT(kiv([&] { callback->pendingCallback(); }), ElementsAre(remaining));
-  EXPECT_THAT(kiv([] { run(); }), ElementsAre(fired, handled));
-  EXPECT_THAT(kiv([&] { callback->cancelCallback(); }), ElementsAre(del));
+  auto const body = [&] {
+    timer->setTimeout(100);
+    timer->remainingTimeout();
+    timer->delTimeout();
+    for (bool const answer : {false, true}) {
+      handler.answer = answer;
+      timer->setTimeout(0);
+      run();
+    }
+    first->setTimeout(0);
+    timer->setTimeout(0);
+    run();
+    callback->requestCallback();
+    callback->pendingCallback();
+    run();
+    callback->cancelCallback();
+  };
+  std::vector<std::string> const expected = {
+      "setTimeout()", "remainingTimeout()", "delTimeout()",
+      // Both ways an exception may go.
+      "setTimeout()", "onTime()", handled, "setTimeout()", "onTime()", handled,
+      // The first destroys the second.
+      "setTimeout()", "setTimeout()", "onTime()", "Notifiee::orphan()", "delTimeout()",
+      "Notifiee::onTime() ignoring orphan",
+      // A callback is a timer.
+      "setTimeout()", "remainingTimeout()", "onTime()", handled, "delTimeout()"};
+  EXPECT_EQ(expected, traces("KivVeltro", "5 KivVeltro::ClockTimer::", body));
 }
 
-TEST_F(DescriptorTracesTest, typeSystem) {
-  std::string const fd = std::to_string(ends[0]), prefix = "5 KivVeltro::FileDescriptor::";
-  std::string const set = prefix + "setFd() registering fd:" + fd;
-  std::string const clear = prefix + "clearEvents() fd:" + fd;
-  std::string const del = prefix + "delFd() deleting fd:" + fd;
-  std::string const orphan = prefix + "Notifiee::orphan() fd:" + fd;
-  std::string const readable = prefix + "onReadableCount() fd:" + fd + "readableCount:1";
-  std::string const writable = prefix + "onWritableCount() fd:" + fd + "writableCount:1";
+TEST_F(TracesTest, typeSystemDescriptors) {
+  std::string const fd = std::to_string(ends[0]);
+  std::string const set = "setFd() registering fd:" + fd, clear = "clearEvents() fd:" + fd;
+  std::string const del = "delFd() deleting fd:" + fd, orphan = "Notifiee::orphan() fd:" + fd;
   std::string const handled =
       "9 FileDescriptor::Notifiee::onNotificationException: Fd notification exception was handled";
   FdEvents handler;
   handler.onRead = handler.onWrite = [](int) { throw 1; };
-  std::shared_ptr<Platform::FdControl> control;
-  EXPECT_THAT(kiv([&] { control = Platform::getFdControl(&handler); }),
-              ElementsAre(prefix + "FileDescriptor()"));
-  EXPECT_THAT(kiv([&] { control->setFd(ends[0]); }), ElementsAre(set));
-  EXPECT_THAT(kiv([&] { control->setWrites(true); }), ElementsAre(prefix + "setWrites():1"));
-  EXPECT_THAT(kiv([] { run(); }), ElementsAre(writable, handled));
-  EXPECT_THAT(kiv([&] { control->setWrites(false); }), ElementsAre(prefix + "setWrites():0"));
-  EXPECT_THAT(kiv([&] { control->setReads(true); }), ElementsAre(prefix + "setReads():1"));
   EXPECT_EQ(1, ::write(ends[1], "x", 1));
-  EXPECT_THAT(kiv([] { run(); }), ElementsAre(readable, handled));
-  EXPECT_THAT(kiv([&] { control->clearEvents(); }), ElementsAre(clear));
-  EXPECT_THAT(kiv([&] { control->delFd(); }), ElementsAre(del, clear));
-  control->setFd(ends[0]);
-  EXPECT_THAT(kiv([&] { control.reset(); }), ElementsAre(orphan, del, clear));
+  EXPECT_THAT(
+      traces("KivVeltro", "5 KivVeltro::FileDescriptor::",
+             [&] {
+               auto control = Platform::getFdControl(&handler);
+               control->setFd(ends[0]);
+               control->setWrites(true);
+               run();
+               control->setWrites(false);
+               control->setReads(true);
+               run();
+               control->clearEvents();
+               control->delFd();
+               control->setFd(ends[0]);
+               control.reset();
+             }),
+      ElementsAre("FileDescriptor()", set, "setWrites():1",
+                  "onWritableCount() fd:" + fd + "writableCount:1", handled, "setWrites():0",
+                  "setReads():1", "onReadableCount() fd:" + fd + "readableCount:1", handled, clear,
+                  del, clear, set, orphan, del, clear));
 }
 
-TEST_F(DescriptorTracesTest, libeventNotesWhatDidNotLeaveTheLoop) {
+TEST_F(TracesTest, libeventNotesWhatDidNotLeaveTheLoop) {
   std::string const timerNote =
       "9 LibeventTimerControl::handler: Timeout notification exception was handled";
   std::string const callbackNote =
       "9 LibeventCallbackControl::timeout: Callback notification exception was handled";
-  auto const again = [](Platform::TimerControl& timer) { fire(timer, &doLeEventLoop); };
   Timeout handler;
-  auto const timer = getLeTimerControl(&handler);
-  EXPECT_THAT(libevent([&] { timer->remainingTimeout(); }), IsEmpty());
-  EXPECT_THAT(libevent([&] { again(*timer); }), ElementsAre(timerNote)) << "nothing was thrown";
-  handler.onTimeout = throwOne;
-  EXPECT_THAT(libevent([&] { again(*timer); }), IsEmpty());
-  handler.answer = true;
-  EXPECT_THAT(libevent([&] { again(*timer); }), ElementsAre(timerNote));
-
   Callback back;
+  auto const timer = getLeTimerControl(&handler);
   auto const callback = getLeCallbackControl(&back);
-  auto const call = [&] {
+  struct {
+    char const* name;
+    std::function<void()> does;
+    bool answer;
+    std::vector<std::string> timers, callbacks;
+  } const cases[] = {{"nothing was thrown", [] {}, false, {timerNote}, {timerNote}},
+                     {"unanswered", throwOne, false, {}, {}},
+                     {"answered", throwOne, true, {timerNote}, {callbackNote, timerNote}}};
+  for (auto const& c : cases) {
+    handler.onTimeout = back.onCallback = c.does;
+    handler.answer = back.answer = c.answer;
+    timer->setTimeout(0);
+    EXPECT_EQ(c.timers, traces("VeltroLibevent", "", [] { run(&doLeEventLoop); })) << c.name;
     callback->requestCallback();
-    run(&doLeEventLoop);
-  };
-  EXPECT_THAT(libevent(call), ElementsAre(timerNote));
-  back.onCallback = throwOne;
-  EXPECT_THAT(libevent(call), IsEmpty());
-  back.answer = true;
-  EXPECT_THAT(libevent(call), ElementsAre(callbackNote, timerNote));
-
-  FdEvents events;
-  auto const fd = getLeFdControl(&events);
-  events.onWrite = [&](int) {
-    fd->delFd();
-    throw 1;
-  };
-  events.answer = true;
-  fd->setWrites(true);
-  fd->setFd(ends[0]);
-  EXPECT_THAT(libevent([] { run(&doLeEventLoop); }), IsEmpty());
-  EXPECT_EQ(1u, events.asked.size());
+    EXPECT_EQ(c.callbacks, traces("VeltroLibevent", "", [] { run(&doLeEventLoop); })) << c.name;
+  }
 }
 
-TEST(TracesTest, libeventLog) {
-  EXPECT_THAT(libevent([] { le_debug_cb(0, "text"); }), ElementsAre("9 libevent: text"));
-  EXPECT_THAT(libevent([] { le_debug_cb(1, "text"); }), ElementsAre("5 libevent: text"));
-  EXPECT_THAT(libevent([] { le_debug_cb(2, "text"); }), ElementsAre("1 libevent: text"));
-  EXPECT_THAT(libevent([] { le_debug_cb(3, "text"); }), ElementsAre("0 libevent: text"));
-  EXPECT_THAT(libevent([] { le_debug_cb(2, nullptr); }), ElementsAre("1 libevent: "));
+TEST_F(TracesTest, libeventLog) {
+  auto const log = [] {
+    for (int const severity : {0, 1, 2, 3}) le_debug_cb(severity, "text");
+    le_debug_cb(2, nullptr);
+  };
+  EXPECT_THAT(traces("VeltroLibevent", "", log),
+              ElementsAre("9 libevent: text", "5 libevent: text", "1 libevent: text",
+                          "0 libevent: text", "1 libevent: "));
+  for (int const severity : {-1, 4}) {
+    EXPECT_THAT([=] { le_debug_cb(severity, "text"); },
+                asserts("Veltro/LibeventFactoryCpp", "le_debug_cb",
+                        "invalid libevent severity:" + std::to_string(severity) + " msg:text"));
+  }
   // libevent's own warning takes the same way.
   Timeout handler([] { EXPECT_EQ(-1, doLeEventLoop()); });
   auto const timer = getLeTimerControl(&handler);
   timer->setTimeout(0);
-  EXPECT_THAT(traces("VeltroLibevent/1", [] { doLeEventLoop(); }),
+  EXPECT_THAT(traces("VeltroLibevent/1", "", [] { doLeEventLoop(); }),
               ElementsAre(StartsWith("1 libevent: event_base_loop: reentrant")));
 }
 

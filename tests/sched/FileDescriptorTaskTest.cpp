@@ -1,25 +1,11 @@
 #include "SchedSupport.h"
+#include "tests/platform/Backends.h"
 
 namespace Veltro {
 namespace {
-using testing::ElementsAre;
-
-struct Pipe final : FileDescriptorTask {
-  using FileDescriptorTask::FileDescriptorTask;
-  void taskExecuteReadable() override {
-    if (onRead) onRead();
-  }
-  void taskExecuteWritable() override {
-    if (onWrite) onWrite();
-  }
-  void handleTaskBusy() override {
-    if (auto const react = std::exchange(onBusy, nullptr)) react();
-  }
-  std::function<void()> onRead, onWrite, onBusy;
-};
 
 struct FileDescriptorTaskTest : SchedTest {
-  std::shared_ptr<Pipe> task = std::make_shared<Pipe>(root, TaskPriority::high, "p");
+  std::shared_ptr<Pipe> task = make<Pipe>("p", TaskPriority::high);
   unsigned tasks() const { return root->registeredTaskCount(); }
 };
 
@@ -28,53 +14,41 @@ TEST_F(FileDescriptorTaskTest, theWriteTaskComesWithTheFirstInterestAndStays) {
   EXPECT_EQ(1u, tasks());
   task->taskQuantumIs(3ms);
   task->taskSuspendedForTestIs(true);
+  task->taskWatchFdIs(task->ends[0]);
+  task->taskWatchReadableIs(true);
   task->taskWatchWritableIs(true);
   EXPECT_EQ(2u, tasks());
-  EXPECT_TRUE(root->watches[task.get()].writes);
+  root->runUntilIdle(3);
   std::vector<TaskStat> stats;
   root->getTaskStats(&stats, true);
-  EXPECT_EQ("p:read", stats[0].name());
-  EXPECT_EQ("p:write", stats[1].name());
-  EXPECT_EQ("Sh", stats[1].taskStatusString());  // taken over from the read task
-  task->taskWatchWritableIs(false);
+  EXPECT_EQ("p:read Sh; p:write Sh", stats[0].name() + ' ' + stats[0].taskStatusString() + "; " +
+                                         stats[1].name() + ' ' + stats[1].taskStatusString());
+  bool yields = true;
+  task->onWrite = [&] {
+    outside.nowNs += 2000000;
+    yields = task->taskShouldYield();
+    task->taskWatchWritableIs(false);
+  };
+  task->taskSuspendedForTestIs(false);
+  root->runUntilIdle(9);
+  EXPECT_FALSE(yields) << "the quantum is the read task's";
   EXPECT_EQ(2u, tasks());
-  EXPECT_FALSE(root->watches[task.get()].writes);
-  task.reset();
-  EXPECT_EQ(0u, tasks());
 }
 
-TEST_F(FileDescriptorTaskTest, becomingBusyMayBeItsEnd) {
+TEST_F(FileDescriptorTaskTest, becomingBusyOrAHandlerMayBeItsEnd) {
+  auto const drop = [this] { task.reset(); };
   for (auto const ready : {&Pipe::handleReadable, &Pipe::handleWritable}) {
-    task = std::make_shared<Pipe>(root, TaskPriority::high, "p");
-    task->taskWatchReadableIs(true);
-    task->taskWatchWritableIs(true);
-    task->onBusy = [this] { task.reset(); };
-    (*task.*ready)();
-    EXPECT_EQ(0u, tasks());
+    for (bool const inHandler : {false, true}) {
+      task = make<Pipe>("p");
+      task->taskWatchReadableIs(true);
+      task->taskWatchWritableIs(true);
+      (inHandler ? task->onRead : task->onBusy) = drop;
+      if (inHandler) task->onWrite = drop;
+      (*task.*ready)();
+      root->runUntilIdle();
+      EXPECT_EQ(0u, tasks());
+    }
   }
-}
-
-TEST_F(FileDescriptorTaskTest, switchingOffDropsWhatIsQueued) {
-  task->taskWatchReadableIs(true);
-  task->taskWatchWritableIs(true);
-  root->takeEvents();
-  task->handleReadable();
-  task->handleReadable();
-  EXPECT_TRUE(task->taskScheduled());
-  EXPECT_TRUE(task->taskBusy());
-  task->handleWritable();
-  task->taskWatchReadableIs(false);
-  EXPECT_FALSE(task->taskScheduledReadable());
-  EXPECT_TRUE(task->taskBusy());
-  task->taskWatchReadableIs(true);
-  EXPECT_FALSE(task->taskScheduledReadable());
-  task->taskWatchWritableIs(false);
-  EXPECT_FALSE(task->taskBusy());
-  EXPECT_THAT(
-      root->takeEvents(),
-      ElementsAre("schedule   p:read", "schedulerRunnable root", "busy       p:read",
-                  "busy       p", "schedule   p:write", "busy       p:write", "unschedule p:read",
-                  "idle       p:read", "unschedule p:write", "idle       p:write", "idle       p"));
 }
 
 TEST_F(FileDescriptorTaskTest, theHandlersAccountsGoToTheSideThatRuns) {
@@ -84,64 +58,70 @@ TEST_F(FileDescriptorTaskTest, theHandlersAccountsGoToTheSideThatRuns) {
     EXPECT_FALSE(task->taskShouldYield());
     task->taskWorkCountInc(3);
     task->taskWorkPendingIs(1);
+    throw 1;
   };
   task->onWrite = [&] { task->taskWorkCountInc(5); };
   task->handleReadable();
   task->handleWritable();
-  clock.reads = 0;
-  while (root->turn()) continue;
+  EXPECT_THROW(turn(), int);
+  EXPECT_EQ("Executing task not set", assertionOf([&] { task->taskWorkCountInc(1); }));
+  root->runUntilIdle();
   EXPECT_EQ(3u, task->taskWorkCountReadableTotal());
   EXPECT_EQ(5u, task->taskWorkCountWritableTotal());
-  // Three runs, of two reads each but for the last that finds nothing; one for the check above.
-  EXPECT_EQ(2u + 1 + 2 + 1, clock.reads);
   task->taskWorkCountReadableInc(1);
   EXPECT_EQ(4u, task->taskWorkCountReadableTotal());
   EXPECT_EQ(3u, task->taskWorkCountReadableHighWaterMark());
 }
 
-TEST_F(FileDescriptorTaskTest, aHandlerMayThrowOrLetGoOfItsTask) {
-  task->taskWatchReadableIs(true);
-  task->onRead = [] { throw 1; };
-  task->handleReadable();
-  EXPECT_THROW(root->turn(), int);
-  EXPECT_EQ("Executing task not set", assertionOf([&] { task->taskWorkCountInc(1); }));
-  task->onRead = [&] { task.reset(); };
-  task->handleReadable();
-  root->turn();
-  EXPECT_EQ(nullptr, task);
-  EXPECT_EQ(0u, tasks());
+// Controls are tasks as well.
+using TaskControlsTest = SchedTest;
+
+TEST_F(TaskControlsTest, urgentHandlersComeFirst) {
+  std::string calls;
+  Timeout timeout([&] { calls += 't'; });
+  Callback back([&] { calls += 'c'; });
+  FdEvents events;
+  auto const timer = Platform::getTimerControl(&timeout, root, TaskPriority::high, "timer");
+  auto const callback = Platform::getCallbackControl(&back, root, TaskPriority::normal, "callback");
+  auto const fd = Platform::getFdControl(&events, root, TaskPriority::low, "fd");
+  auto const pipe = make<Pipe>("");
+  events.onRead = [&](int number) { calls += number == pipe->ends[0] ? 'r' : '?'; };
+  fd->setFd(pipe->ends[0]);
+  fd->setReads(true);
+  pipe->put();
+  callback->requestCallback();
+  timer->setTimeout(0);
+  root->runUntilIdle(3);
+  EXPECT_EQ("tcr", calls);
+  std::string names;
+  std::vector<TaskStat> stats;
+  root->getTaskStats(&stats, false);
+  for (TaskStat const& stat : stats) names += stat.name() + stat.taskPriority().oneCharString();
+  EXPECT_EQ("timerHcallbackNfd:readL", names);
 }
 
-TEST_F(FileDescriptorTaskTest, whatItRefuses) {
-  struct {
-    std::function<void()> action;
-    char const* text;
-  } const cases[] = {
-      {[&] { Pipe(std::shared_ptr<TaskScheduler>(), TaskPriority::low, "x"); },
-       "Need a TaskScheduler"},
-      {[&] { task->handleReadable(); }, "handleReadable() called with taskWatchReadable off"},
-      {[&] { task->handleWritable(); }, "handleWritable() called with taskWatchWritable off"},
-      {[&] { task->taskWorkCountWritableInc(1); },
-       "WriteTask not created by taskWatchWritableIs( true )"},
-      {[&] { task->taskShouldYield(); }, "Executing task not set"},
-      {[&] { task->taskWorkPendingIs(1); }, "Executing task not set"},
-      {[&] {
-         task->scheduleTaskReadable();
-         root->turn();
-       },
-       "ReadTask should only run if taskWatchReadable"},
-      {[&] {
-         task->taskWatchReadableIs(true);
-         task->onRead = [&] {
-           task->handleReadable();
-           root->handleSchedulerRun();
-         };
-         task->handleReadable();
-         root->turn();
-       },
-       "Executing task already set"},
+// The handler may have gone with its control: nobody to ask, so the exception goes on.
+TEST_F(TaskControlsTest, aHandlerThatReleasedItsControlIsNotAsked) {
+  Callback back;
+  FdEvents events;
+  back.answer = events.answer = true;
+  auto callback = Platform::getCallbackControl(&back, root, TaskPriority::normal, "callback");
+  auto fd = Platform::getFdControl(&events, root, TaskPriority::normal, "fd");
+  auto const pipe = make<Pipe>("");
+  back.onCallback = [&] {
+    callback.reset();
+    throw 1;
   };
-  for (auto const& c : cases) EXPECT_EQ(c.text, assertionOf(c.action));
+  events.onRead = [&](int) {
+    fd.reset();
+    throw 1;
+  };
+  callback->requestCallback();
+  EXPECT_THROW(root->runUntilIdle(), int);
+  fd->setFd(pipe->ends[0]);
+  fd->setReads(true);
+  pipe->put();
+  EXPECT_THROW(root->runUntilIdle(), int);
 }
 }  // namespace
 }  // namespace Veltro

@@ -1,108 +1,109 @@
+// Schedulers, and groups of tasks, which are schedulers too.
 #include "SchedSupport.h"
 
 namespace Veltro {
 namespace {
 using testing::ElementsAre;
-using SchedulerTest = SchedTest;
 
-TEST_F(SchedulerTest, suspendedItIgnoresRunsAndResumingRestartsIt) {
-  auto const task = make("t");
-  task->scheduleTask();
-  root->suspendedIs(true);
-  root->suspendedIs(true);
-  root->takeEvents();
-  root->turn();
-  EXPECT_EQ(0u, root->requests);
-  EXPECT_TRUE(task->taskScheduled());
-  root->suspendedIs(false);
-  EXPECT_EQ(1u, root->requests);
-  EXPECT_THAT(root->takeEvents(),
-              ElementsAre("schedulerRunIgnoredWhileSuspended root", "schedulerUnsuspended root"));
-  root->turn();
-  EXPECT_EQ(1u, task->taskRunCount());
-}
+struct SchedulerTest : SchedTest {
+  std::shared_ptr<TaskGroup> group = TaskGroup::TaskGroupIs("g", TaskPriority::high, false, root);
+  std::shared_ptr<DoTask> makeIn(std::shared_ptr<TaskScheduler> const& scheduler,
+                                 DoTask::Work work = {},
+                                 TaskPriority priority = TaskPriority::normal) {
+    return std::make_shared<DoTask>(scheduler, priority, "t", std::move(work));
+  }
+};
 
 TEST_F(SchedulerTest, anExceptionStopsNothing) {
-  auto const thrower = make("thrower", TaskPriority::high, [](DoTask&) { throw 1; });
-  auto const again = make("again", TaskPriority::high, [](DoTask& self) {
-    self.scheduleTask();
-    throw 2;
-  });
-  auto const other = make("other");
-  for (auto const& task : {thrower, again, other}) task->scheduleTask();
-  EXPECT_THROW(root->turn(), int);
-  EXPECT_FALSE(thrower->taskBusy());
-  EXPECT_FALSE(thrower->taskCurrentlyRunning());
-  EXPECT_EQ(0u, thrower->getStats().taskTotalRunTime().count());
-  EXPECT_THROW(root->turn(), int);
-  EXPECT_TRUE(again->taskBusy());
-  again->workIs({});
-  while (root->turn()) continue;
-  EXPECT_EQ(1u, other->taskRunCount());
-  EXPECT_EQ(2u, again->taskRunCount());
-  thrower->workIs({});
-  thrower->scheduleTask();
-  EXPECT_TRUE(root->turn());
-  EXPECT_EQ(2u, thrower->taskRunCount());
-}
-
-TEST_F(SchedulerTest, aTaskWithoutOwnerIsRefusedAndTheOthersGoOn) {
-  DoTask stray(root, TaskPriority::high, "stray");
-  auto const other = make("other");
-  stray.scheduleTask();
-  other->scheduleTask();
-  EXPECT_THROW(root->turn(), std::bad_weak_ptr);
-  EXPECT_FALSE(stray.taskBusy());
-  EXPECT_TRUE(root->turn());
-  EXPECT_EQ(1u, other->taskRunCount());
+  for (std::shared_ptr<TaskScheduler> const& scheduler :
+       {std::shared_ptr<TaskScheduler>(root), std::shared_ptr<TaskScheduler>(group)}) {
+    auto const thrower = makeIn(
+        scheduler, [](DoTask&) { throw 1; }, TaskPriority::high);
+    auto const again = makeIn(scheduler, [](DoTask& self) {
+      self.scheduleTask();
+      throw 2;
+    });
+    auto const other = makeIn(scheduler, {}, TaskPriority::low);
+    DoTask stray(scheduler, TaskPriority::absolute, "nobody owns it");
+    stray.scheduleTask();
+    for (auto const& task : {thrower, again, other}) task->scheduleTask();
+    EXPECT_THROW(root->runUntilIdle(), std::bad_weak_ptr);
+    EXPECT_FALSE(stray.taskBusy());
+    EXPECT_THROW(root->runUntilIdle(), int);
+    EXPECT_FALSE(thrower->taskBusy() || thrower->taskCurrentlyRunning());
+    EXPECT_EQ(0u, thrower->getStats().taskTotalRunTime().count());
+    EXPECT_THROW(root->runUntilIdle(), int);
+    EXPECT_TRUE(again->taskBusy());
+    again->work = thrower->work = {};
+    thrower->scheduleTask();
+    root->runUntilIdle();
+    EXPECT_EQ(1u, other->taskRunCount());
+    EXPECT_EQ(2u, again->taskRunCount());
+    EXPECT_EQ(2u, thrower->taskRunCount());
+  }
 }
 
 TEST_F(SchedulerTest, tasksMayDestroyWhatTheyLike) {
-  auto first = make("first");
-  auto second = make("second");
-  first->workIs([&](DoTask&) {
+  auto first = make("first"), second = make("second");
+  first->work = [&](DoTask&) {
     second.reset();
     first.reset();
-  });
+  };
   first->scheduleTask();
   second->scheduleTask();
-  root->turn();
-  EXPECT_EQ(0u, root->registeredTaskCount());
+  root->runUntilIdle();
   EXPECT_EQ(0u, root->runnableTaskCount());
 
-  // The last owner of a whole scheduler.
+  auto inGroup = makeIn(group);
+  inGroup->work = [&](DoTask&) {
+    group.reset();
+    inGroup.reset();  // the last owner of the group, inside the group's turn
+  };
+  inGroup->scheduleTask();
+  root->runUntilIdle();
+  EXPECT_EQ(0u, root->taskGroupCount());
+  EXPECT_EQ(0u, root->totalRegisteredTaskCount());
+
+  auto fromTest = make("ran from a test");
+  std::weak_ptr<TestKit> watch = root;
+  fromTest->work = [&](DoTask&) { fromTest.reset(); };
+  root.reset();
+  fromTest->taskRunFromTest();
+  EXPECT_TRUE(watch.expired());
+
+  // A scheduler owns its reset task, which therefore does not keep the scheduler alive.
+  root = std::make_shared<TestKit>();
+  watch = root;
   auto last = make("last");
-  ManualRoot* const plain = root.get();
-  last->workIs([&](DoTask&) {
-    root.reset();
-    last.reset();
-  });
-  last->scheduleTask();
-  plain->turn();
-  EXPECT_EQ(nullptr, root);
+  TaskScheduler* const plain = root.get();
+  last->onReset = [&] { last.reset(); };
+  root->resetStats();
+  root.reset();
+  plain->handleSchedulerRun();
+  EXPECT_TRUE(watch.expired());
 }
 
 TEST_F(SchedulerTest, nestedRunsKeepTheOuterTask) {
   auto inner = make("inner", TaskPriority::normal, taking(7ms));
   auto outer = make("outer");
   unsigned depth = 0;
-  outer->workIs([&](DoTask& self) {
+  outer->work = [&](DoTask& self) {
     if (++depth == 2) return;
-    clock.now += 1ms;
+    outside.nowNs += 1000000;
     self.scheduleTask();  // so that the inner loop runs it again, inside itself
     inner->scheduleTask();
     outer.reset();
     root->suspendedIs(true);
     root->suspendedIs(false);  // asks for a run, which nobody else does inside one
-    while (root->turn()) continue;
+    root->runUntilIdle();
     EXPECT_TRUE(self.taskCurrentlyRunning());
     EXPECT_FALSE(self.taskShouldYield());
-    clock.now += 13ms;
+    outside.nowNs += 13000000;
     EXPECT_EQ(2u, self.taskRunCount());
-  });
+  };
   std::weak_ptr<DoTask> const watch = outer;
   outer->scheduleTask();
-  root->turn();
+  turn();
   EXPECT_TRUE(watch.expired());
   std::vector<TaskStat> dead;
   root->getDeadTaskStats(&dead, false);
@@ -113,18 +114,19 @@ TEST_F(SchedulerTest, nestedRunsKeepTheOuterTask) {
 }
 
 TEST_F(SchedulerTest, resettingInSlicesReachesEveryTask) {
+  group.reset();
   std::vector<std::shared_ptr<DoTask>> tasks;
   unsigned reset = 0;
   auto const add = [&] {
     tasks.push_back(make("t"));
     tasks.back()->onReset = [&] {
       ++reset;
-      clock.now += 25ms;  // more than a quantum: one task a slice, once the counter allows
+      outside.nowNs += 25000000;  // more than a quantum: one task a slice, once the counter allows
     };
     tasks.back()->scheduleTask();
   };
   for (int i = 0; i < 4; ++i) add();
-  while (root->turn()) continue;
+  root->runUntilIdle();
   EXPECT_FALSE(root->resetStatsInProgress());
   root->resetStats();
   EXPECT_TRUE(root->resetStatsInProgress());
@@ -136,56 +138,39 @@ TEST_F(SchedulerTest, resettingInSlicesReachesEveryTask) {
     tasks[3].reset();
     throw 1;  // does not end the walk
   };
-  EXPECT_THROW(while (root->turn()) continue, int);
+  EXPECT_THROW(root->runUntilIdle(), int);
   EXPECT_TRUE(root->resetStatsInProgress());
-  while (root->turn()) continue;
+  root->runUntilIdle();
   EXPECT_FALSE(root->resetStatsInProgress());
   EXPECT_EQ(3u, reset);
   EXPECT_EQ(0u, root->deadTasksPerPriority(TaskPriority::normal));
   EXPECT_EQ(0u, root->runTaskCount(TaskPriority::normal));
-  EXPECT_EQ(4u, root->registeredTaskCount());  // the three, and the one that resets
   std::vector<TaskStat> stats;
   root->getTaskStats(&stats, true);
-  std::vector<std::string> names;
-  for (TaskStat const& stat : stats) names.push_back(stat.name());
-  EXPECT_THAT(names, ElementsAre("t", "t", "root;ResetStats", "t"));
+  std::string names;
+  for (TaskStat const& stat : stats) names += stat.name() + ' ';
+  EXPECT_EQ("t t TestKit;ResetStats t ", names);
 
-  std::weak_ptr<ManualRoot> const watch = root;
+  std::weak_ptr<TestKit> const watch = root;
   tasks.clear();
   root->resetStats();  // a walk under way keeps nothing alive
   root.reset();
   EXPECT_TRUE(watch.expired());
 }
 
-// The scheduler owns its reset task, which therefore does not keep the scheduler alive.
-TEST_F(SchedulerTest, theLastOwnerMayGoWhileFiguresAreReset) {
-  auto last = make("last");
-  ManualRoot* const plain = root.get();
-  std::weak_ptr<ManualRoot> const watch = root;
-  last->onReset = [&] { last.reset(); };
-  root->resetStats();
-  root.reset();
-  plain->turn();
-  EXPECT_TRUE(watch.expired());
-}
-
-TEST_F(SchedulerTest, clearStatsReachesAllAtOnce) {
-  std::vector<std::shared_ptr<DoTask>> tasks;
-  for (int i = 0; i < 3; ++i) {
-    tasks.push_back(make("t"));
-    tasks.back()->scheduleTask();
-    root->turn();
-  }
-  tasks[0]->onReset = [&] { tasks[1].reset(); };
-  tasks[2]->scheduleTask();
-  clock.now += 1s;
-  root->turn();
+TEST_F(SchedulerTest, clearStatsReachesAllAtOnceAndItsGroups) {
+  auto const killer = make("t", TaskPriority::normal, taking(1ms)), late = make("t");
+  auto victim = make("t"), inGroup = makeIn(group);
+  killer->onReset = [&] { victim.reset(); };
+  for (auto const& task : {killer, victim, late, inGroup}) task->scheduleTask();
+  outside.nowNs += 1000000000;
+  root->runUntilIdle();
+  EXPECT_EQ(1u, inGroup->taskRunCount());
   root->clearStats();
   EXPECT_EQ(0ns, root->maxSchedulerLatency());
   EXPECT_EQ(0u, root->runTaskCount(TaskPriority::normal));
   EXPECT_EQ(1u, root->deadTasksPerPriority(TaskPriority::normal));  // died by the clearing
-  std::vector<TaskStat> stats;
-  EXPECT_EQ(2u, root->getTaskStats(&stats, false));
+  EXPECT_EQ(0u, killer->taskRunCount() + late->taskRunCount() + inGroup->taskRunCount());
 }
 
 // What a run may cost.
@@ -200,12 +185,73 @@ TEST_F(SchedulerTest, theHotRoadAllocatesNothingAndReadsTheClockThrice) {
   });
   plain->scheduleTask();
   timer->scheduleTask();
-  for (int i = 0; i < 20000; ++i) root->turn();  // the history is full and goes round
-  unsigned long const before = allocations();
-  clock.reads = 0;
-  for (int i = 0; i < 1000; ++i) root->turn();
-  EXPECT_EQ(before, allocations());
-  EXPECT_EQ(3000u, clock.reads);  // start and end of the run, and the schedule
+  root->runUntilIdle(20000);  // the history is full and goes round
+  outside.calls = {};
+  outside.clockReads = 0;
+  EXPECT_EQ(1000u, root->runUntilIdle(1000));
+  EXPECT_EQ(0u, outside.calls[Outside::allocation]);
+  EXPECT_EQ(3000u, outside.clockReads);  // start and end of the run, and the schedule
+}
+
+TEST_F(SchedulerTest, aGroupYieldsAfterItsQuantum) {
+  auto const busy = makeIn(group, [&](DoTask& self) {
+    outside.nowNs += 8000000;
+    self.scheduleTask();
+  });
+  auto const other = make("other", TaskPriority::high);
+  group->taskGroupForceYieldInTestIs(true);
+  busy->scheduleTask();
+  other->scheduleTask();
+  turn();
+  EXPECT_EQ(1u, busy->taskRunCount());
+  EXPECT_TRUE(group->parentTaskScheduled());
+  turn();
+  EXPECT_EQ(1u, other->taskRunCount());
+  group->taskGroupForceYieldInTestIs(false);
+  group->taskGroupQuantumIs(30ms);
+  unsigned const runs = busy->taskRunCount();
+  turn();
+  EXPECT_GE(busy->taskRunCount(), runs + 4);  // the clock is looked at twice a millisecond
+  std::vector<TaskStat> stats;
+  root->getTaskStats(&stats, true);
+  EXPECT_EQ(1u, stats[0].taskLastWorkPending());
+  EXPECT_EQ(busy->taskRunCount(), stats[0].taskWorkCountTotal());
+  busy->work = {};
+  for (bool const force : {true, false}) {
+    busy->taskForceYieldInTestIs(force);  // passed on to the group
+    EXPECT_EQ(force, group->taskGroupForceYieldInTest());
+  }
+}
+
+TEST_F(SchedulerTest, suspensionInsideAGroupsTurnEndsIt) {
+  auto const first = makeIn(group, [&](DoTask&) { root->suspendedIs(true); });
+  auto const second = makeIn(group);
+  first->scheduleTask();
+  second->scheduleTask();
+  root->runUntilIdle();
+  EXPECT_EQ(0u, second->taskRunCount());
+  root->suspendedIs(false);
+  root->runUntilIdle();
+  EXPECT_EQ(1u, second->taskRunCount());
+  EXPECT_FALSE(group->schedulerHasRunnableTasks());
+}
+
+TEST_F(SchedulerTest, groupsBelongToTheirParent) {
+  auto const task = makeIn(group, {}, TaskPriority::low);
+  EXPECT_EQ(1u, root->taskGroupCount());
+  EXPECT_EQ(2u, root->totalRegisteredTaskCount());
+  auto const idle = [&](TaskPriority priority) {
+    return root->queueStatsRoot().priorityStats().at(priority).idleCount();
+  };
+  EXPECT_EQ(1u, idle(TaskPriority::low));
+  EXPECT_EQ(1u, idle(TaskPriority::high));
+  root->defaultTaskQuantumIs(7ms);
+  auto inner = TaskGroup::TaskGroupIs("h", TaskPriority::low, false, root);
+  EXPECT_EQ(7ms, inner->defaultTaskQuantum());
+  std::weak_ptr<TestKit> const watch = root;
+  root.reset();
+  group.reset();
+  EXPECT_FALSE(watch.expired());
 }
 }  // namespace
 }  // namespace Veltro

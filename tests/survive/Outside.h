@@ -24,6 +24,7 @@ class Outside final {
   std::int64_t wallNs = 1700000000000000000;  // what the wall clock is ahead of it
   /// Seconds since this one was made.
   double seconds() const { return static_cast<double>(nowNs - startNs_) / 1e9; }
+  unsigned long clockReads = 0;
 
   std::array<unsigned long, kCalls> calls{};
   /// From now on the call of that number (0 is the next) fails, and only that or all after it too.
