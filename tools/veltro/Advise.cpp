@@ -96,7 +96,7 @@ void run(AgentChoice const& choice, bool asJson) {
     for (auto const& sentence : sentences) std::cout << sentence << '\n';
     if (sentences.empty()) std::cout << "nothing to advise\n";
   }
-  if (!std::cout.flush()) throw std::runtime_error("standard output does not take the report");
+  flushReport();
 }
 
 }  // namespace

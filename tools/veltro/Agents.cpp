@@ -27,7 +27,7 @@ void list(AgentChoice const& choice, bool asJson) {
   } else {
     std::cout << table;
   }
-  if (!std::cout.flush()) throw std::runtime_error("standard output does not take the report");
+  flushReport();
 }
 
 }  // namespace

@@ -22,6 +22,10 @@ class NoAgent final : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
+/// Ends a report on standard output, or a reading of one that goes on; throws when it was not
+/// taken.
+void flushReport();
+
 /// Readings one after the other: `--follow[=SECONDS]` and `--times`.
 struct Follow {
   double period = 0;        // seconds between readings; 0: one reading only

@@ -50,7 +50,7 @@ void run(Options const& options) {
   } else {
     std::cout << table;
   }
-  if (!std::cout.flush()) throw std::runtime_error("standard output does not take the report");
+  flushReport();
 }
 
 }  // namespace

@@ -159,7 +159,7 @@ void print(std::vector<std::pair<Stack, std::size_t>> const& ranked, bool asJson
     json.endArray().endObject();
   }
   if (asJson) std::cout << json.endArray();
-  if (!std::cout.flush()) throw std::runtime_error("standard output does not take the report");
+  flushReport();
 }
 
 void run(std::string const& file, bool asJson) {

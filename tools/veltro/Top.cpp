@@ -291,7 +291,7 @@ void run(Options const& options) {
       if (reading != 1 && !screen) std::cout << '\n';
       printTable(view, options.limit);
     }
-    if (!std::cout.flush()) throw std::runtime_error("standard output does not take the report");
+    flushReport();
     if (options.once || reading == options.times) return;
     before = std::move(now);
   }

@@ -25,6 +25,10 @@ void Follow::addTo(CLI::App& command) {
       ->needs(follow);
 }
 
+void flushReport() {
+  if (!std::cout.flush()) throw std::runtime_error("standard output does not take the report");
+}
+
 void Follow::run(std::function<void(double)> const& reading) const {
   using Clock = std::chrono::steady_clock;
   auto const interval =
@@ -34,7 +38,7 @@ void Follow::run(std::function<void(double)> const& reading) const {
   for (std::uint64_t number = 1;; ++number) {
     auto const now = Clock::now();
     reading(number == 1 ? 0 : std::chrono::duration<double>(now - before).count());
-    if (!std::cout.flush()) throw std::runtime_error("standard output does not take the report");
+    flushReport();
     if (period == 0 || number == times) return;
     before = now;
     next += interval;
