@@ -3,21 +3,13 @@
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <string>
 
 #include "tests/support/Child.h"
+#include "tests/support/Shell.h"
 
 namespace Veltro {
 namespace {
-
-std::string outputOf(std::string const& command) {
-  std::FILE* const pipe = ::popen(command.c_str(), "r");
-  std::string output;
-  for (int c = std::fgetc(pipe); c != EOF; c = std::fgetc(pipe)) output += static_cast<char>(c);
-  EXPECT_EQ(0, ::pclose(pipe)) << command;
-  return output;
-}
 
 TEST(CountersTest, anAgentCountsWithAndWithoutThePluginFile) {
   struct {
@@ -35,8 +27,9 @@ TEST(CountersTest, anAgentCountsWithAndWithoutThePluginFile) {
   };
   for (auto const& c : cases) {
     SCOPED_TRACE(c.name);
-    EXPECT_EQ(c.output, outputOf(std::string("LD_LIBRARY_PATH=") + c.folder + " " + COUNTERS_PROBE +
-                                 " " + c.arguments));
+    EXPECT_EQ(c.output, shell(std::string("LD_LIBRARY_PATH=") + c.folder + " " COUNTERS_PROBE " " +
+                              c.arguments)
+                            .text);
   }
 }
 
