@@ -4,7 +4,6 @@
 #include "Veltro/Exception.h"
 #include "src/diag/FatalCheck.h"
 #include "tests/support/RecordingHandler.h"
-#include "tests/support/SlotOrder.h"
 
 namespace Veltro {
 namespace {
@@ -69,11 +68,6 @@ TEST(AssertDeathTest, fatalChecksEndTheProcessInEveryBuild) {
   VELTRO_FATAL_CHECK(++block);
   EXPECT_EQ(1, block);
   EXPECT_DEATH(VELTRO_FATAL_CHECK(!block), "Assertion `!block' failed");
-}
-
-TEST(DebugSlots, comeInTheirOrder) {
-  EXPECT_EQ((std::vector<std::size_t>{2, 3}),
-            slotsOf(&Platform::DebugHandler::enabledIs, &Platform::DebugHandler::dump));
 }
 
 }  // namespace

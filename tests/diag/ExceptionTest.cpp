@@ -5,8 +5,6 @@
 #include <algorithm>
 #include <string>
 
-#include "tests/support/SlotOrder.h"
-
 namespace Veltro {
 namespace {
 
@@ -79,10 +77,6 @@ TEST(BacktraceTest, aDeepStackIsAHundredLines) {
   EXPECT_THAT(what, HasSubstr("libKivVeltro.so.0(_ZN6Veltro9BacktraceC"))
       << "the constructor that unwind was called from comes first";
   EXPECT_THAT(what, testing::ContainsRegex("\\([^)]*\\+0x[0-9a-f]+\\)\\[0x[0-9a-f]+\\]\n"));
-}
-
-TEST(ExceptionTest, slotsComeInTheirOrder) {
-  EXPECT_EQ((std::vector<std::size_t>{2, 3}), slotsOf(&Exception::what, &Exception::name));
 }
 
 }  // namespace

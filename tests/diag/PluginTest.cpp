@@ -7,7 +7,6 @@
 
 #include "Veltro/Exception.h"
 #include "tests/support/Asserts.h"
-#include "tests/support/SlotOrder.h"
 #include "tests/support/StandardError.h"
 
 namespace Veltro {
@@ -78,15 +77,6 @@ TEST_F(PluginTest, exceptionsAreCaughtByTypeAcrossObjects) {
   ASSERT_NE(nullptr, thrower);
   EXPECT_THROW(thrower(), InvalidSizeException);
   EXPECT_THROW(thrower(), CorruptionDetectedException);
-}
-
-TEST(PluginSlots, nameIsTheFirstAndOnly) {
-  EXPECT_EQ(0u, slotOf(&Platform::Plugin::name));
-  struct Larger : Platform::Plugin {
-    char const* name() override { return ""; }
-    virtual void next() {}
-  };
-  EXPECT_EQ(1u, slotOf(&Larger::next));
 }
 
 }  // namespace

@@ -114,23 +114,6 @@ TEST_F(InotifyMgrTest, whoLeavesDoesNotNarrowAnotherFilesWatch) {
   EXPECT_EQ((Events{{"", IN_ATTRIB}}), other.events);
 }
 
-TEST_F(InotifyMgrTest, anyWatcherMayGoFromInsideANotification) {
-  std::unique_ptr<Recorder> watchers[3];
-  for (auto& watcher : watchers) watcher = std::make_unique<Recorder>(IN_CREATE, temp.path());
-  Events seen;
-  watchers[1]->reaction = [&] {
-    seen = watchers[1]->events;
-    watchers[2].reset();
-    auto const self = std::move(watchers[1]);
-    watchers[0]->events.clear();
-  };
-  write("one");
-  write("two");
-  turn();
-  EXPECT_EQ((Events{{"one", IN_CREATE}}), seen);
-  EXPECT_EQ((Events{{"two", IN_CREATE}}), watchers[0]->events);
-}
-
 TEST_F(InotifyMgrTest, aDeletedFileEndsItsWatchAndMayBeWatchedAnew) {
   write("file");
   Recorder first(IN_DELETE_SELF, temp.path("file"));

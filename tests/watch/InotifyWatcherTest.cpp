@@ -14,7 +14,6 @@
 #include "Veltro/InotifyMgr.h"
 #include "Veltro/InotifyWatcherHelper.h"
 #include "tests/support/Child.h"
-#include "tests/support/SlotOrder.h"
 #include "tests/support/StandardError.h"
 #include "tests/support/TempDir.h"
 
@@ -121,18 +120,6 @@ TEST_F(InotifyWatcherTest, mayGoInsideItsOwnReaction) {
     EXPECT_EQ(2u, second->eventCount());
     EXPECT_EQ(1u, inotifyMgrFactory()->descriptor(wdOf(second)).watchers().size());
   }
-}
-
-TEST_F(InotifyWatcherTest, anExceptionOfOneIsThrownWhenAllHaveBeenTold) {
-  auto const first = watch(IN_CREATE);
-  auto const second = watch(IN_CREATE);
-  auto const recorder = Kiv::allocate<Recorder>(first);
-  recorder->reaction = [] { throw std::runtime_error("unanswered"); };
-  write("a");
-  write("b");
-  EXPECT_THROW(turn(), std::runtime_error);
-  EXPECT_EQ(2u, first->eventCount());
-  EXPECT_EQ(2u, second->eventCount());
 }
 
 TEST_F(InotifyWatcherTest, lostEventsAreToldToAll) {
@@ -272,11 +259,6 @@ TEST_F(InotifyWatcherTest, tellsItsSteps) {
                   "8 handleDestruction: void Veltro::InotifyWatcher::handleDestruction()"));
   Platform::clearVeltroDebug("InotifyMgr");
   Platform::clearTraceFormat();
-}
-
-TEST(InotifyWatcherHelperTest, keepsItsSlots) {
-  EXPECT_THAT(slotsOf(&InotifyWatcherHelper::notify, &Mem::InotifyMgr::Watcher::remountTimeouts),
-              ElementsAre(2u, 3u));
 }
 
 }  // namespace
