@@ -71,6 +71,21 @@ TEST_F(RefusalsTest, whatIsOutOfTurn) {
   EXPECT_FALSE(root->resetStatsInProgress());
 }
 
+TEST_F(RefusalsTest, aTaskForWhichThereIsNoMemoryLeavesNothingBehind) {
+  bool reached = true;
+  for (unsigned n = 0; reached; ++n) {
+    root = std::make_shared<TestKit>();
+    outside.failIs(Outside::allocation, n, false, 0);
+    try {
+      make("a name that needs memory");
+    } catch (std::bad_alloc const&) {
+    }
+    reached = outside.failures() != 0;
+    outside.failNone();
+    EXPECT_EQ(0u, root->registeredTaskCount() + root->tasksPerPriority(TaskPriority::normal));
+  }
+}
+
 TEST_F(RefusalsTest, ofADescriptorTask) {
   auto const task = make<Pipe>("p");
   EXPECT_EQ("handleReadable() called with taskWatchReadable off",

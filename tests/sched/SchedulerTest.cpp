@@ -97,8 +97,8 @@ TEST_F(SchedulerTest, nestedRunsKeepTheOuterTask) {
     root->suspendedIs(false);  // asks for a run, which nobody else does inside one
     root->runUntilIdle();
     EXPECT_TRUE(self.taskCurrentlyRunning());
-    EXPECT_FALSE(self.taskShouldYield());
     outside.nowNs += 13000000;
+    EXPECT_TRUE(self.taskShouldYield()) << "time counts from the outer start";
     EXPECT_EQ(2u, self.taskRunCount());
   };
   std::weak_ptr<DoTask> const watch = outer;
@@ -130,9 +130,8 @@ TEST_F(SchedulerTest, resettingInSlicesReachesEveryTask) {
   EXPECT_FALSE(root->resetStatsInProgress());
   root->resetStats();
   EXPECT_TRUE(root->resetStatsInProgress());
-  root->resetStats();  // starts nothing new
-  add();               // reached as well
-  tasks[1].reset();    // and one that goes is passed by
+  add();             // reached as well
+  tasks[1].reset();  // and one that goes is passed by
   tasks[2]->onReset = [&] {
     ++reset;
     tasks[3].reset();
@@ -140,6 +139,7 @@ TEST_F(SchedulerTest, resettingInSlicesReachesEveryTask) {
   };
   EXPECT_THROW(root->runUntilIdle(), int);
   EXPECT_TRUE(root->resetStatsInProgress());
+  root->resetStats();  // starts nothing anew
   root->runUntilIdle();
   EXPECT_FALSE(root->resetStatsInProgress());
   EXPECT_EQ(3u, reset);
@@ -194,7 +194,7 @@ TEST_F(SchedulerTest, theHotRoadAllocatesNothingAndReadsTheClockThrice) {
 }
 
 TEST_F(SchedulerTest, aGroupYieldsAfterItsQuantum) {
-  auto const busy = makeIn(group, [&](DoTask& self) {
+  auto busy = makeIn(group, [&](DoTask& self) {
     outside.nowNs += 8000000;
     self.scheduleTask();
   });
@@ -217,10 +217,12 @@ TEST_F(SchedulerTest, aGroupYieldsAfterItsQuantum) {
   EXPECT_EQ(1u, stats[0].taskLastWorkPending());
   EXPECT_EQ(busy->taskRunCount(), stats[0].taskWorkCountTotal());
   busy->work = {};
-  for (bool const force : {true, false}) {
+  for (bool const force : {true, false, true}) {
     busy->taskForceYieldInTestIs(force);  // passed on to the group
     EXPECT_EQ(force, group->taskGroupForceYieldInTest());
   }
+  busy.reset();
+  EXPECT_FALSE(group->taskGroupForceYieldInTest());
 }
 
 TEST_F(SchedulerTest, suspensionInsideAGroupsTurnEndsIt) {

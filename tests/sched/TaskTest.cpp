@@ -129,15 +129,15 @@ TEST_F(TaskTest, shouldYieldLooksAtTheClockOnlyNowAndThen) {
 
 TEST_F(TaskTest, forcedYieldIsAQuantumOfZero) {
   auto const task = make("t", TaskPriority::normal, [this](DoTask& self) {
-    EXPECT_TRUE(self.taskShouldYield());
-    EXPECT_TRUE(self.taskShouldYield());
+    EXPECT_FALSE(self.taskShouldYield());
+    self.taskForceYieldInTestIs(true);
+    EXPECT_TRUE(self.taskShouldYield()) << "asked again at once";
     outside.nowNs += 1000000000;
   });
-  task->taskForceYieldInTestIs(true);
-  EXPECT_EQ(0ns, task->taskQuantum());
-  task->taskQuantumIs(0ns);  // no change, no complaint
   task->taskRunFromTest();
   EXPECT_EQ(0u, task->getStats().taskQuantumViolation500());
+  EXPECT_EQ(0ns, task->taskQuantum());
+  task->taskQuantumIs(0ns);  // no change, no complaint
 }
 
 // A task whose storage outlives it, as an object in a pool does.
