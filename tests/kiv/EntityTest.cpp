@@ -12,7 +12,6 @@
 namespace Kiv {
 namespace {
 using testing::ElementsAre;
-using testing::IsEmpty;
 
 using Calls = std::vector<std::string>;
 
@@ -46,12 +45,14 @@ struct EntityTest : testing::Test {
 
 TEST_F(EntityTest, tellsOfChangesOnlyInOrderOfJoining) {
   lamp->level.is(5);
-  EXPECT_THAT(calls, IsEmpty());
   lamp->level.is(6);
   b = nullptr;
   d = watch("d");
-  lamp->level.is(7);
+  Lamp* const raw = lamp.ptr();
+  lamp = nullptr;  // notifiees keep their entity, and need one
+  raw->level.is(7);
   EXPECT_THAT(calls, ElementsAre("a6", "b6", "c6", "a7", "c7", "d7"));
+  EXPECT_THROW(watch("x"), RangeException);
 }
 
 TEST_F(EntityTest, collectionsTellTheKey) {
@@ -65,34 +66,28 @@ TEST_F(EntityTest, collectionsTellTheKey) {
   EXPECT_EQ(0u, lamp->room.del("y"));
   EXPECT_EQ(2u, lamp->room.del("x"));
   lamp->room.is("z", 3);
-  lamp->room.delAll();
-  EXPECT_TRUE(lamp->room.all().empty());
-  EXPECT_THAT(calls, ElementsAre("ax", "ax", "a", "ax", "az", "a", "az"));
+  a->then = [&] {
+    if (!lamp->room.all().empty()) return;
+    a = nullptr;
+    lamp = nullptr;
+  };
+  lamp->room.delAll();  // which the first reaction ends
+  EXPECT_THAT(calls, ElementsAre("ax", "ax", "a", "ax", "az", "a"));
 }
 
 TEST_F(EntityTest, whatReactionsMayDo) {
+  auto const allGo = [&] {
+    a = b = c = nullptr;
+    lamp = nullptr;
+  };
   struct {
     char const* name;
     std::function<void()> then;
     Calls calls;
   } const cases[] = {
-      {"go", [&] { a = nullptr; }, {"a6", "b6", "c6"}},
       {"remove the next one", [&] { b = nullptr; }, {"a6", "c6"}},
-      {"remove all others", [&] { b = c = nullptr; }, {"a6"}},
-      {"remove all", [&] { a = b = c = nullptr; }, {"a6"}},
-      {"let the entity go",
-       [&] {
-         a = b = c = nullptr;
-         lamp = nullptr;
-       },
-       {"a6"}},
+      {"let the entity go", allGo, {"a6"}},
       {"add one, who hears of the next change", [&] { d = watch("d"); }, {"a6", "b6", "c6"}},
-      {"go and come back behind the others",
-       [&] {
-         a = nullptr;
-         a = watch("A");
-       },
-       {"a6", "b6", "c6"}},
       {"change it again", [&] { lamp->level.is(9); }, {"a6", "a9", "b9", "c9", "b9", "c9"}},
       {"remove the next one within a nested change",
        [&] {
@@ -102,10 +97,7 @@ TEST_F(EntityTest, whatReactionsMayDo) {
        {"a6", "a9", "c9", "c9"}},
       {"let the entity go within a nested change",
        [&] {
-         a->then = [&] {
-           a = b = c = nullptr;
-           lamp = nullptr;
-         };
+         a->then = allGo;
          lamp->level.is(9);
        },
        {"a6", "a9"}},
@@ -118,18 +110,11 @@ TEST_F(EntityTest, whatReactionsMayDo) {
        {"a6", "b6", "c6", "thrown x"}},
       {"let all go, throwing",
        [&] {
-         a = b = c = nullptr;
-         lamp = nullptr;
+         allGo();
          throw RangeException("x");
        },
        {"a6", "thrown x"}},
-      {"leave the exception unanswered: the others are told first",
-       [&] {
-         a->answers = false;
-         throw RangeException("x");
-       },
-       {"a6", "a!", "b6", "c6", "thrown x"}},
-      {"the first of two unanswered ones is thrown",
+      {"leave exceptions unanswered: all are told, then the first is thrown",
        [&] {
          a->answers = b->answers = false;
          b->then = [] { throw RangeException("y"); };
@@ -153,34 +138,12 @@ TEST_F(EntityTest, whatReactionsMayDo) {
   }
 }
 
-TEST_F(EntityTest, collectionEndingUnderItsOwnDeletion) {
-  lamp->room.is("x", 1);
-  lamp->room.is("y", 2);
-  calls.clear();
-  a->then = [&] {
-    a = b = c = nullptr;
-    lamp = nullptr;
-  };
-  lamp->room.delAll();
-  EXPECT_THAT(calls, ElementsAre("ax"));
-}
-
-TEST_F(EntityTest, notifieesKeepTheEntityAndNeedOne) {
-  Lamp* const raw = lamp.ptr();
-  lamp = nullptr;
-  raw->level.is(8);
-  EXPECT_THAT(calls, ElementsAre("a8", "b8", "c8"));
-  EXPECT_THROW(watch("x"), RangeException);
-}
-
 TEST(QueueTest, indicesGrowAndEnd) {
   Ptr<Lamp> const lamp = allocate<Lamp>("lamp");
   auto& queue = lamp->waiting;
   EXPECT_EQ(0u, queue.deq());
   EXPECT_EQ(1u, queue.metadata().head);
-  EXPECT_EQ(1u, queue.enq(10));
-  EXPECT_EQ(2u, queue.enq(20));
-  EXPECT_EQ(3u, queue.enq(30));
+  for (U32 const index : {1u, 2u, 3u}) EXPECT_EQ(index, queue.enq(10 * index));
   EXPECT_EQ(20u, queue.del(2));
   EXPECT_EQ(0u, queue.del(2));
   queue.is(3, 33);
@@ -193,16 +156,15 @@ TEST(QueueTest, indicesGrowAndEnd) {
   EXPECT_THROW(queue.metadataIs({1, 2}), RangeException);
   queue.metadataIs({3, 0xfffffffe});
   EXPECT_EQ(0xffffffffu, queue.enq(40));
+  EXPECT_EQ(33u, queue.deq());
+  EXPECT_EQ(40u, queue.deq());
+  EXPECT_TRUE(queue.empty());
   try {
-    queue.enq(50);
+    queue.enq(60);
     ADD_FAILURE() << "an index was given out twice";
   } catch (RangeException const& full) {
     EXPECT_STREQ("linkqueue index space full", full.what());
   }
-  EXPECT_EQ(33u, queue.deq());
-  EXPECT_EQ(40u, queue.deq());
-  EXPECT_TRUE(queue.empty());
-  EXPECT_THROW(queue.enq(60), RangeException);
 }
 
 }  // namespace

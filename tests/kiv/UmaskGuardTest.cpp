@@ -2,13 +2,12 @@
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <atomic>
-#include <stdexcept>
 #include <thread>
 #include <vector>
+
+#include "tests/support/Child.h"
 
 namespace Kiv {
 namespace {
@@ -21,23 +20,11 @@ unsigned currentUmask() {
 
 struct UmaskGuardTest : testing::Test {
   UmaskGuardTest() { ::umask(027); }
-  ~UmaskGuardTest() override { ::umask(022); }
-};
-
-TEST_F(UmaskGuardTest, nestsAndRestoresOnEveryPath) {
-  {
-    UmaskGuard const outer;
-    EXPECT_EQ(0u, currentUmask());
-    try {
-      UmaskGuard const inner(077);
-      EXPECT_EQ(077u, currentUmask());
-      throw std::runtime_error("out of the inner window");
-    } catch (std::runtime_error const&) {
-    }
-    EXPECT_EQ(0u, currentUmask());
+  ~UmaskGuardTest() override {
+    EXPECT_EQ(027u, currentUmask());
+    ::umask(022);
   }
-  EXPECT_EQ(027u, currentUmask());
-}
+};
 
 TEST_F(UmaskGuardTest, threadsNeverLoseTheUmaskNorMixTheirWindows) {
   std::atomic<bool> mixed{false};
@@ -46,28 +33,27 @@ TEST_F(UmaskGuardTest, threadsNeverLoseTheUmaskNorMixTheirWindows) {
     threads.emplace_back([mask, &mixed] {
       for (int i = 0; i < 20000; ++i) {
         UmaskGuard const window(mask);
-        UmaskGuard const nested(mask);
+        try {
+          UmaskGuard const nested(~mask & 0777);
+          if (currentUmask() != (~mask & 0777)) mixed = true;
+          throw i;
+        } catch (int) {
+        }
         if (currentUmask() != mask) mixed = true;
       }
     });
   }
   for (std::thread& thread : threads) thread.join();
   EXPECT_FALSE(mixed);
-  EXPECT_EQ(027u, currentUmask());
 }
 
-// The child's exit code: 0 when its umask is `mask` and it can open a window of its own.
-int childSees(unsigned mask) {
-  pid_t const child = ::fork();
-  if (child == 0) {
-    ::alarm(20);  // a lock inherited locked would hang it
-    bool const seen = currentUmask() == mask;
+// In a child, which can open a window of its own; a lock inherited locked would hang it.
+void expectInChild(unsigned mask) {
+  Veltro::inChild([mask] {
+    EXPECT_EQ(mask, currentUmask());
     { UmaskGuard const window; }
-    ::_exit(seen && currentUmask() == mask ? 0 : 1);
-  }
-  int status = -1;
-  ::waitpid(child, &status, 0);
-  return status;
+    EXPECT_EQ(mask, currentUmask());
+  });
 }
 
 TEST_F(UmaskGuardTest, aChildNeverStartsInAnotherThreadsWindow) {
@@ -75,7 +61,7 @@ TEST_F(UmaskGuardTest, aChildNeverStartsInAnotherThreadsWindow) {
   std::thread busy([&stop] {
     while (!stop) UmaskGuard const window;
   });
-  for (int i = 0; i < 200; ++i) EXPECT_EQ(0, childSees(027));
+  for (int i = 0; i < 200; ++i) expectInChild(027);
   stop = true;
   busy.join();
 }
@@ -84,15 +70,14 @@ TEST_F(UmaskGuardTest, aChildOfAWindowEndsItForItself) {
   pid_t child = 0;
   {
     UmaskGuard const window(077);
-    EXPECT_EQ(0, childSees(077));
+    expectInChild(077);
     child = ::fork();
   }
   if (child == 0) {
     ::alarm(20);
-    int status = -1;
-    // Another thread of the child gets in only when the child's lock was truly released.
-    std::thread([&status] { status = childSees(027); }).join();
-    ::_exit(status == 0 ? 0 : 1);
+    // Another thread gets in only when the child's lock was truly released.
+    std::thread([] { UmaskGuard const window; }).join();
+    ::_exit(currentUmask() == 027 ? 0 : 1);
   }
   int status = -1;
   ::waitpid(child, &status, 0);
