@@ -26,7 +26,6 @@ TEST(NsjoinTest, refusalsSayWhichStepFailed) {
        "setnsByName(veltro-none): open /var/run/netns/veltro-none: No such file or directory"},
   };
   for (auto const& c : cases) {
-    SCOPED_TRACE(c.trace);
     EXPECT_EQ(-1, setnsByName(c.name, CLONE_NEWNET));
     EXPECT_EQ(c.error, errno);
     EXPECT_STREQ(c.trace, netnsGetTracebuffer());
@@ -36,13 +35,15 @@ TEST(NsjoinTest, refusalsSayWhichStepFailed) {
   EXPECT_EQ(ENAMETOOLONG, errno);
 }
 
-TEST(NsjoinTest, movesTheCallingThreadOnly) {
+TEST(NsjoinTest, movesTheCallingThreadOnlyAndOnlyToNamespaces) {
   if (!mayUnshare()) GTEST_SKIP() << "needs the privilege to make namespaces";
   inChild([] {
     ASSERT_TRUE(enterOwnMounts());
     hideNamedNamespaces();
     ino_t const other = makeNamespace("other");
     ino_t const byDefault = makeNamespace(DEFAULT_NS);
+    makeEmptyFile(namespaceFile("file"));
+    ASSERT_EQ(0, ::mkfifo(namespaceFile("fifo").c_str(), 0644));
     ino_t const home = ownNamespace();
     int const descriptors = openDescriptors();
     std::thread([&] {
@@ -51,21 +52,6 @@ TEST(NsjoinTest, movesTheCallingThreadOnly) {
       EXPECT_EQ(0, setnsByName(DEFAULT_NS, 0));
       EXPECT_EQ(byDefault, ownNamespace());
     }).join();
-    EXPECT_EQ(home, ownNamespace());
-    EXPECT_EQ(descriptors, openDescriptors());
-  });
-}
-
-TEST(NsjoinTest, whatIsNoNamespaceIsRefusedAndNotWaitedFor) {
-  if (!mayUnshare()) GTEST_SKIP() << "needs the privilege to make namespaces";
-  inChild([] {
-    ASSERT_TRUE(enterOwnMounts());
-    hideNamedNamespaces();
-    makeNamespace("real");
-    makeEmptyFile(namespaceFile("file"));
-    ASSERT_EQ(0, ::mkfifo(namespaceFile("fifo").c_str(), 0644));
-    ino_t const home = ownNamespace();
-    int const descriptors = openDescriptors();
     struct {
       char const* name;
       int type;
@@ -75,12 +61,10 @@ TEST(NsjoinTest, whatIsNoNamespaceIsRefusedAndNotWaitedFor) {
     } const cases[] = {
         {"file", CLONE_NEWNET, 0, EINVAL, "setnsByName(file): setns: Invalid argument"},
         {"fifo", CLONE_NEWNET, 0, EINVAL, "setnsByName(fifo): setns: Invalid argument"},
-        {".", CLONE_NEWNET, 0, EINVAL, "setnsByName(.): setns: Invalid argument"},
-        {"real", CLONE_NEWUTS, 0, EINVAL, "setnsByName(real): setns: Invalid argument"},
-        {"real", CLONE_NEWNET, 65534, EPERM, "setnsByName(real): setns: Operation not permitted"},
+        {"other", CLONE_NEWUTS, 0, EINVAL, "setnsByName(other): setns: Invalid argument"},
+        {"other", CLONE_NEWNET, 65534, EPERM, "setnsByName(other): setns: Operation not permitted"},
     };
     for (auto const& c : cases) {
-      SCOPED_TRACE(c.trace);
       ASSERT_EQ(0, ::setuid(c.user));
       EXPECT_EQ(-1, setnsByName(c.name, c.type));
       EXPECT_EQ(c.error, errno);
