@@ -53,6 +53,7 @@ ManPtr restarted(U32 blocks = kCreators) {
 
 /// Counts until killed, and tells of each count when it is made.
 [[noreturn]] void count(U32 creator, U32 genId, std::atomic<U32>& told) {
+  dieWithTheParent();
   auto const man = restarted();
   BlockCounter counter(man->counterAddr(key(creator), kBlockSize, false));
   man->shmemGenIdIs(key(creator), kBlockSize, genId);

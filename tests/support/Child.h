@@ -11,11 +11,15 @@
 #include <unistd.h>
 
 #include <array>
+#include <csignal>
 #include <cstddef>
 #include <cstdio>
 #include <functional>
 
 namespace Veltro {
+
+/// Nothing that a test has forked lives on when the test is ended from outside.
+inline void dieWithTheParent() { ::prctl(PR_SET_PDEATHSIG, SIGKILL); }
 
 /// Runs `body` in a forked child, which may spoil its environment, limits and namespaces at will.
 /// Its expectations are printed as they fail, and fail the calling test.
@@ -27,7 +31,7 @@ inline void inChild(std::function<void()> const& body) {
   int const before = failures();
   pid_t const child = ::fork();
   if (child == 0) {
-    ::alarm(60);
+    dieWithTheParent();
     try {
       body();
     } catch (std::exception const& fault) {
