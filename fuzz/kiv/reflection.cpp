@@ -1,12 +1,22 @@
-// Reflection: each line of the input is a value; {'name': value} sets attributes,
-// Value('operation', ** {'parameter': value}) calls. What is refused changes nothing; what was set
-// is there.
+// Values and reflection: each line of the input is a value, which reads back as it is printed;
+// {'name': value} sets attributes, Value('operation', ** {'parameter': value}) calls. What is
+// refused changes nothing; what was set is there.
+#include <cstring>
+
 #include "Kiv/Model.h"
 #include "fuzz/support/Fuzz.h"
 #include "tests/kiv/Lamp.h"
 
 namespace Veltro::fuzz {
 namespace {
+
+// As text, for not-a-number is not equal to itself.
+void checkRoundTrip(Kiv::Value const& value) {
+  std::string const text = value.text();
+  Kiv::Value const again = Kiv::Value::parsed(text);
+  FUZZ_CHECK(again.text() == text, text);
+  FUZZ_CHECK(again == value || text.find("nan") != std::string::npos, text);
+}
 
 std::string state(Kiv::Reflection const& reflection) {
   std::string result;
@@ -66,9 +76,11 @@ int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
     Kiv::Value value;
     try {
       value = Kiv::Value::parsed(input.line());
-    } catch (Kiv::RangeException const&) {
+    } catch (Kiv::RangeException const& refusal) {
+      FUZZ_CHECK(std::strncmp(refusal.what(), "column ", 7) == 0, refusal.what());
       continue;
     }
+    checkRoundTrip(value);
     apply(reflection, value);
   }
   return 0;

@@ -6,7 +6,6 @@
 #include <set>
 #include <vector>
 
-#include "Kiv/Exception.h"
 #include "Kiv/Trace.h"
 #include "fuzz/support/CapturedError.h"
 
@@ -65,31 +64,6 @@ bool matches(char const* pattern, char const* name) {
   return *pattern == *name && (*name == 0 || matches(pattern + 1, name + 1));
 }
 
-std::optional<Kiv::TraceSetting> parsed(std::string const& entry) {
-  try {
-    return Kiv::TraceSetting(entry);
-  } catch (Kiv::RangeException const&) {
-    return std::nullopt;
-  }
-}
-
-void compare(std::string const& entry, std::optional<Reference> const& expected) {
-  auto const setting = parsed(entry);
-  FUZZ_CHECK(setting.has_value() == expected.has_value(), "\"" << entry << "\"");
-  if (!setting) return;
-  FUZZ_CHECK(setting->text() == expected->text, "\"" << setting->text() << "\"");
-  auto const again = parsed(setting->text());
-  for (std::uint32_t const before : {0u, ~0u, 0xa5a5a5a5u}) {
-    std::uint32_t const after = expected->on ? before | expected->mask : before & ~expected->mask;
-    FUZZ_CHECK(setting->applied(before) == after, "\"" << entry << "\"");
-    FUZZ_CHECK(again && again->applied(before) == after, "\"" << setting->text() << "\"");
-  }
-  for (char const* const name : kNames) {
-    FUZZ_CHECK(setting->matches(name) == matches(expected->pattern.c_str(), name),
-               "\"" << entry << "\" and " << name);
-  }
-}
-
 void checkManager(std::string const& trace, std::vector<Reference> const& expected, bool note) {
   static auto const& handles =
       *new std::vector<Kiv::TraceHandle>{{kNames[0], 0}, {kNames[1], 0}, {kNames[2], 0},
@@ -97,7 +71,7 @@ void checkManager(std::string const& trace, std::vector<Reference> const& expect
   auto& manager = Kiv::TraceFacilityManager::instance();
   for (auto const& handle : handles) {
     for (unsigned level = 0; level < 32; ++level) {
-      handle.facility()->levelEnabledIs(level, level % 3 == 0);
+      handle.facility()->levelEnabledIs(level, level % 3 == trace.size() % 3);
     }
   }
   std::uint32_t const before = *handles[0].facility()->levelsEnabledPtr();
@@ -141,7 +115,6 @@ int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
   for (Input entries(data, trace.size()); !entries.empty();) {
     std::string const entry = entries.until(',');
     auto const setting = reference(entry);
-    compare(entry, setting);
     std::string const text = trimmed(entry);
     if (setting) {
       expected.push_back(*setting);
