@@ -97,7 +97,7 @@ TEST_F(SchedulerTest, nestedRunsKeepTheOuterTask) {
     root->suspendedIs(false);  // asks for a run, which nobody else does inside one
     root->runUntilIdle();
     EXPECT_TRUE(self.taskCurrentlyRunning());
-    outside.nowNs += 13000000;
+    outside.nowNs += 12500000;
     EXPECT_TRUE(self.taskShouldYield()) << "time counts from the outer start";
     EXPECT_EQ(2u, self.taskRunCount());
   };
@@ -108,8 +108,8 @@ TEST_F(SchedulerTest, nestedRunsKeepTheOuterTask) {
   std::vector<TaskStat> dead;
   root->getDeadTaskStats(&dead, false);
   ASSERT_EQ(1u, dead.size());
-  EXPECT_EQ(21ms, dead[0].taskRunTimeHighWaterMark());
-  EXPECT_EQ(21ms, dead[0].taskTotalRunTime());  // the inner run took no time of its own
+  EXPECT_EQ(20500us, dead[0].taskRunTimeHighWaterMark());
+  EXPECT_EQ(20500us, dead[0].taskTotalRunTime());  // the inner run took no time of its own
   EXPECT_EQ(2u, depth);
 }
 
