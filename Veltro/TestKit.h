@@ -42,8 +42,7 @@ class TestKit final : public TaskSchedulerRoot {
 
   /// Equal seeds draw equal jitter. No timer is shorter than `minimumTimerDelay`.
   explicit TestKit(U32 jitterSeed = 1, Nanoseconds minimumTimerDelay = Nanoseconds::zero())
-      : TaskSchedulerRoot("TestKit", minimumTimerDelay),
-        origin_(std::chrono::steady_clock::now()) {
+      : TaskSchedulerRoot("TestKit", minimumTimerDelay), origin_(std::chrono::steady_clock::now()) {
     jitterSeedIs(jitterSeed);
   }
   ~TestKit() override { releaseResetStatsTask(); }
