@@ -137,7 +137,7 @@ TEST(TraceRecordTest, theEnvironmentSaysWhatIsWrittenAndHow) {
        [] {
          TraceHandle("A", 3);
          TraceHandle("A", 4);
-         for (unsigned level : {0, 1, 2}) say("A", level, "x");
+         for (unsigned level : {0u, 1u, 2u}) say("A", level, "x");
          say("B", 31, "x");
          say("C", 0, "x");
        },
