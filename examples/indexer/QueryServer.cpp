@@ -137,6 +137,17 @@ class QueryServer::Client final : public Veltro::FileDescriptorTask {
   bool ending_ = false;
 };
 
+/// Listens again after a while.
+class QueryServer::Pause final : public Veltro::TimerTask {
+ public:
+  explicit Pause(QueryServer& server)
+      : TimerTask(server.scheduler_, Veltro::TaskPriority::high, "pause"), server_(server) {}
+
+ private:
+  void taskExecute() override { server_.taskWatchReadableIs(true); }
+  QueryServer& server_;
+};
+
 std::shared_ptr<QueryServer> QueryServer::make(std::shared_ptr<Veltro::TaskScheduler> scheduler,
                                                std::string const& path, Answer answer) {
   auto server =
@@ -153,22 +164,26 @@ QueryServer::QueryServer(std::shared_ptr<Veltro::TaskScheduler> scheduler, int f
       fd_(fd),
       path_(std::move(path)),
       answer_(std::move(answer)),
-      spare_(::open("/dev/null", O_RDONLY | O_CLOEXEC)) {}
+      pause_(std::make_shared<Pause>(*this)) {
+  _keepSpare();
+}
 
 QueryServer::~QueryServer() {
   close();
-  ::close(spare_);
+  if (spare_ >= 0) ::close(spare_);
 }
 
 void QueryServer::close() {
   clients_.clear();
   if (fd_ < 0) return;
   taskWatchFdDel();
+  pause_->stopTimerTask();
   ::close(std::exchange(fd_, -1));
   ::unlink(path_.c_str());
 }
 
 void QueryServer::taskExecuteReadable() {
+  _keepSpare();
   int const fd = ::accept4(fd_, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
   if (fd < 0) {
     if (errno == EMFILE || errno == ENFILE) _turnAway();
@@ -181,13 +196,22 @@ void QueryServer::taskExecuteReadable() {
   taskWorkCountInc(1);
 }
 
+void QueryServer::_keepSpare() {
+  if (spare_ < 0) spare_ = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+}
+
 // Out of descriptors: whoever waits is let in by the one kept spare and shown out, for a
-// listening socket that stays readable would keep the loop busy.
+// listening socket that stays readable would keep the loop busy. What let him in is the next spare:
+// closed, it would be anybody's.
 void QueryServer::_turnAway() {
-  ::close(spare_);
-  int const fd = ::accept4(fd_, nullptr, nullptr, SOCK_CLOEXEC);
-  if (fd >= 0) ::close(fd);
-  spare_ = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+  if (spare_ >= 0) ::close(spare_);
+  spare_ = ::accept4(fd_, nullptr, nullptr, SOCK_CLOEXEC);
+  if (spare_ >= 0) {
+    ::shutdown(spare_, SHUT_RDWR);
+    return;
+  }
+  taskWatchReadableIs(false);
+  pause_->scheduleTaskDelay(0.1);
 }
 
 void QueryServer::_drop(int fd) { clients_.erase(fd); }

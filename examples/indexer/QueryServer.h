@@ -30,16 +30,19 @@ class QueryServer final : public Veltro::FileDescriptorTask {
 
  private:
   class Client;
+  class Pause;
   void taskExecuteReadable() override;
   void taskExecuteWritable() override {}
   void _drop(int fd);
+  void _keepSpare();
   void _turnAway();
 
   std::shared_ptr<Veltro::TaskScheduler> const scheduler_;
   int fd_;
   std::string const path_;
   Answer const answer_;
-  int spare_;  // a descriptor in reserve for _turnAway
+  int spare_ = -1;  // a descriptor in reserve for _turnAway
+  std::shared_ptr<Pause> const pause_;
   std::unordered_map<int, std::shared_ptr<Client>> clients_;
 };
 

@@ -1,6 +1,7 @@
 // The demo agent as its users meet it: a process, its output, its socket, its exit status.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -44,6 +45,7 @@ class Process {
     }
     return seen_;
   }
+  pid_t id() const { return pid_; }
   void signal(int number) const { ::kill(pid_, number); }
   Outcome end() { return rest(std::exchange(output_, nullptr)); }
 
@@ -69,21 +71,26 @@ struct IndexerTest : testing::Test {
     ASSERT_EQ(0, ::mkfifo((tree + "/fifo").c_str(), 0666));
   }
 
-  /// What is answered to these lines.
-  std::string ask(std::string const& text) const {
+  /// A connection that these lines are sent by; to an asker turned away perhaps not all of them.
+  int asker(std::string const& text) const {
     int const fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     socket.copy(address.sun_path, sizeof address.sun_path - 1);
     EXPECT_EQ(0, ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address));
-    EXPECT_EQ(ssize_t(text.size()), ::send(fd, text.data(), text.size(), MSG_NOSIGNAL));
+    ::send(fd, text.data(), text.size(), MSG_NOSIGNAL);
     ::shutdown(fd, SHUT_WR);
+    return fd;
+  }
+  static std::string heardBy(int fd) {
     std::string answer;
     char c;
     while (::recv(fd, &c, 1, 0) == 1) answer += c;
     ::close(fd);
     return answer;
   }
+  /// What is answered to these lines.
+  std::string ask(std::string const& text) const { return heardBy(asker(text)); }
   void becomes(std::string const& expected, std::string const& questions) const {
     for (int tries = 0; tries < 5000 && ask(questions) != expected; ++tries) ::usleep(2000);
     EXPECT_EQ(expected, ask(questions));
@@ -176,6 +183,33 @@ TEST_F(IndexerTest, aSocketInUseIsLeftAloneAndAnAbandonedOneReplaced) {
 
 // Names become files, links, directories and nothing at random, also while it does not look, and
 // once more often than the kernel keeps: it always ends up knowing what is there.
+TEST_F(IndexerTest, outOfDescriptorsItTurnsAskersAwayAndRecovers) {
+  Process process(staying);
+  process.readUntil("indexed 2 of 2");
+  std::string const open = "/proc/" + std::to_string(process.id()) + "/fd/";
+  auto const count = [&] {
+    return std::distance(fs::directory_iterator(open), fs::directory_iterator());
+  };
+  rlimit usual{};
+  ::prlimit(process.id(), RLIMIT_NOFILE, nullptr, &usual);
+  auto const limitIs = [&](rlim_t most) {
+    rlimit const limit{most, usual.rlim_max};
+    ::prlimit(process.id(), RLIMIT_NOFILE, &limit, nullptr);
+  };
+  auto const all = count();
+  limitIs(3);
+  int const waiting = asker("stat\n");
+  while (count() == all) ::usleep(1000);  // until it has lost the one in reserve
+  limitIs(usual.rlim_cur);
+  EXPECT_THAT(heardBy(waiting), HasSubstr("state done"));
+  rlim_t used = 0;
+  while (fs::is_symlink(open + std::to_string(used))) ++used;
+  limitIs(used);
+  for (int i = 0; i < 2; ++i) EXPECT_EQ("", ask("stat\n"));
+  limitIs(usual.rlim_cur);
+  EXPECT_THAT(ask("stat\n"), HasSubstr("state done"));
+}
+
 TEST_F(IndexerTest, followsWhateverHappensToTheTree) {
   Hammer hammer(200);
   std::vector<std::string> names;
