@@ -24,11 +24,10 @@ bool LibeventCallbackControl::pendingCallback() const {
 void LibeventCallbackControl::timeout() {
   Platform::CallbackHandler* const handler = handler_;
   bool const* const gone = goneFlag();  // of this object, perhaps, after the call
-  bool const handled =
-      catching([=] { handler->callback(); },
-               [=] {
-                 if ((gone != nullptr && *gone) || !handler->handleCallbackException()) throw;
-               });
+  bool const handled = catching([=] { handler->callback(); },
+                                [=] {
+                                  if (*gone || !handler->handleCallbackException()) throw;
+                                });
   if (handled) {
     VELTRO_TRACE(libeventDebug(), 9,
                  "LibeventCallbackControl::timeout: Callback notification exception was handled");

@@ -80,9 +80,11 @@ struct FdEvents final : Platform::FdEventHandler {
   }
   bool handleFdException(int fd) override {
     asked.push_back(fd);
+    if (onAsked) onAsked();
     return answer;
   }
   std::function<void(int)> onRead, onWrite;
+  std::function<void()> onAsked;
   int reads = 0;
   int writes = 0;
   std::vector<int> asked;
@@ -95,8 +97,11 @@ struct Callback final : Platform::CallbackHandler {
     ++calls;
     if (onCallback) onCallback();
   }
-  bool handleCallbackException() override { return answer; }
-  std::function<void()> onCallback;
+  bool handleCallbackException() override {
+    if (onAsked) onAsked();
+    return answer;
+  }
+  std::function<void()> onCallback, onAsked;
   int calls = 0;
   bool answer = false;
 };

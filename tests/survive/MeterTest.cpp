@@ -151,5 +151,34 @@ TYPED_TEST(MeterTest, endlessWorkLeavesRoomForTheRest) {
   });
 }
 
+// A task a pass: between any two tasks the loop has its turn, which is a timer of its own here.
+TYPED_TEST(MeterTest, everyTaskLeavesTheLoopItsTurn) {
+  TypeParam::run([] {
+    Outside outside;
+    std::string log;
+    auto const root = schedulerRootVeltro();
+    std::vector<std::unique_ptr<Callback>> handlers;
+    std::vector<std::shared_ptr<Platform::CallbackControl>> controls;
+    for (char const letter : {'a', 'b', 'c', 'd'}) {
+      handlers.push_back(std::make_unique<Callback>([&log, letter] { log += letter; }));
+      controls.push_back(
+          Platform::getCallbackControl(handlers.back().get(), root, TaskPriority::normal, "t"));
+      controls.back()->requestCallback();
+    }
+    Timeout handler;
+    auto const beat = Platform::getTimerControl(&handler);
+    handler.onTimeout = [&] {
+      log += '.';
+      if (log.size() < 12) beat->setTimeout(0);
+    };
+    beat->setTimeout(0);
+    Platform::doEventLoop(0.1);
+    for (std::size_t i = 0; i + 1 < log.size(); ++i) {
+      EXPECT_TRUE(log[i] == '.' || log[i + 1] == '.') << log;
+    }
+    EXPECT_NE(std::string::npos, log.find('d'));
+  });
+}
+
 }  // namespace
 }  // namespace Veltro

@@ -54,7 +54,6 @@ class Scene final {
     Timeout handler;
     std::shared_ptr<Platform::TimerControl> control;
     void in(double seconds) const { control->setTimeout(seconds); }
-    void gone() { control.reset(); }
   };
   struct Call {
     Callback handler;

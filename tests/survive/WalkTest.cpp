@@ -1,19 +1,13 @@
 // A random walk over timers, callbacks and descriptors, held against a model that knows nothing of
 // how the loops work: only what was armed, when, and what may be called.
-#include <gtest/gtest.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
-#include <limits>
 #include <random>
 #include <sstream>
 
-#include "Outside.h"
+#include "Scene.h"
 #include "Veltro/TaskGroup.h"
-#include "tests/platform/Backends.h"
 
 namespace Veltro {
 namespace {
@@ -29,34 +23,24 @@ struct Lane {
   unsigned number = 0;
 };
 
-struct KivWalk : KivBackend {
-  static constexpr bool kOneOrder = true;  // zero delays and deadlines are one order
-  static constexpr bool kTiesInOrder = true;
-  static constexpr bool kExactEnd = true;
-  static constexpr bool kTasks = false;
-  static auto timer(Platform::TimeoutHandler* h, Lane const&) { return KivBackend::timer(h); }
-  static auto fd(Platform::FdEventHandler* h, Lane const&) { return KivBackend::fd(h); }
-  static auto callback(Platform::CallbackHandler* h, Lane const&) {
-    return KivBackend::callback(h);
-  }
+/// What a loop promises about order and ends, beyond what all do.
+template <bool oneOrder, bool tiesInOrder, bool exactEnd>
+struct Promises {
+  static constexpr bool kOneOrder = oneOrder;  // zero delays and deadlines are one order
+  static constexpr bool kTiesInOrder = tiesInOrder;
+  static constexpr bool kExactEnd = exactEnd;
 };
 
-struct LibeventWalk : LibeventBackend {
-  static constexpr bool kOneOrder = false;
-  static constexpr bool kTiesInOrder = false;  // libevent's, within one microsecond
-  static constexpr bool kExactEnd = false;
+template <typename Loop, typename Promised>
+struct BareWalk : Loop, Promised {
   static constexpr bool kTasks = false;
-  static auto timer(Platform::TimeoutHandler* h, Lane const&) { return LibeventBackend::timer(h); }
-  static auto fd(Platform::FdEventHandler* h, Lane const&) { return LibeventBackend::fd(h); }
-  static auto callback(Platform::CallbackHandler* h, Lane const&) {
-    return LibeventBackend::callback(h);
-  }
+  static auto timer(Platform::TimeoutHandler* h, Lane const&) { return Loop::timer(h); }
+  static auto fd(Platform::FdEventHandler* h, Lane const&) { return Loop::fd(h); }
+  static auto callback(Platform::CallbackHandler* h, Lane const&) { return Loop::callback(h); }
 };
 
-struct TaskWalk : KivBackend {
-  static constexpr bool kOneOrder = false;
-  static constexpr bool kTiesInOrder = true;
-  static constexpr bool kExactEnd = true;
+template <typename Loop, typename Promised>
+struct TaskWalk : Loop, Promised {
   static constexpr bool kTasks = true;
   static auto timer(Platform::TimeoutHandler* h, Lane const& l) {
     return Platform::getTimerControl(h, l.scheduler, l.priority, "timer");
@@ -73,18 +57,7 @@ template <typename Backend>
 class Walk {
  public:
   explicit Walk(unsigned seed) : random_(seed) {
-    for (auto& socket : sockets_) {
-      if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, socket.ends) != 0) {
-        std::abort();
-      }
-    }
     for (auto& actor : actors_) _fill(actor);
-  }
-  ~Walk() {
-    for (auto& actor : actors_) actor.reset();
-    for (auto const& socket : sockets_) {
-      for (int const end : socket.ends) ::close(end);
-    }
   }
   Walk(Walk const&) = delete;
 
@@ -130,9 +103,6 @@ class Walk {
     bool readsCleared = false, writesCleared = false;  // by clearEvents(), until set again
     int bound = -1;
     unsigned calls = 0;
-  };
-  struct Socket {
-    int ends[2];
   };
 
   unsigned _below(unsigned n) { return static_cast<unsigned>(random_()) % n; }
@@ -255,7 +225,7 @@ class Walk {
 
   void _operateDescriptor(Actor& actor) {
     Platform::FdControl& control = *actor.fdControl;
-    Socket const& socket = sockets_[_below(kSockets)];
+    SocketPair const& socket = sockets_[_below(kSockets)];
     char bytes[64];
     switch (_below(9)) {
       case 0:
@@ -326,9 +296,7 @@ class Walk {
     outside_.nowNs += kTickNs;
     clockReader_->remainingTimeout();
     if (quiet_ || _below(2) == 0) {
-      char bytes[64];
-      while (::read(fd, bytes, sizeof bytes) > 0) {
-      }
+      SocketPair::take(fd);
     }
     if (quiet_) {
       actor.writes = false;
@@ -399,7 +367,7 @@ class Walk {
     return control;
   }();
   std::mt19937 random_;
-  std::array<Socket, kSockets> sockets_{};
+  std::array<SocketPair, kSockets> sockets_;
   std::shared_ptr<TaskGroup> groups_[2];
   unsigned groupsMade_ = 0;
   std::array<std::unique_ptr<Actor>, kActors> actors_;
@@ -417,7 +385,11 @@ unsigned fromEnvironment(char const* name, unsigned otherwise) {
 
 template <typename Backend>
 struct WalkTest : testing::Test {};
-using Backends = testing::Types<KivWalk, LibeventWalk, TaskWalk>;
+// libevent's ties are those within one microsecond.
+using Backends = testing::Types<BareWalk<KivBackend, Promises<true, true, true>>,
+                                BareWalk<LibeventBackend, Promises<false, false, false>>,
+                                TaskWalk<KivBackend, Promises<false, true, true>>,
+                                TaskWalk<LibeventBackend, Promises<false, false, false>>>;
 TYPED_TEST_SUITE(WalkTest, Backends, );
 
 // WALK_SEED replays one walk; WALK_STEPS makes all of them longer.
