@@ -1,8 +1,11 @@
 // Parts that other costs are made of: history, traces, exceptions, counters, reports, start-up.
 #define UNW_LOCAL_ONLY
+#include <fcntl.h>
 #include <libunwind.h>
+#include <unistd.h>
 
 #include <chrono>
+#include <functional>
 #include <memory>
 #include <sstream>
 #include <stdexcept>
@@ -10,6 +13,8 @@
 #include <unordered_map>
 #include <vector>
 
+#include "Kiv/ModelOf.h"
+#include "Kiv/Trace.h"
 #include "Veltro/Debug.h"
 #include "Veltro/Exception.h"
 #include "Veltro/ShmemMan.h"
@@ -50,12 +55,86 @@ double traceOff() {
   });
 }
 
+// Records and entities, each beside what it cannot do without
+
+/// `write` sends one record to standard error, which leads nowhere meanwhile.
+double recordEach(std::function<void()> const& write) {
+  int const kept = ::dup(STDERR_FILENO);
+  int const nowhere = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
+  check(kept >= 0 && nowhere >= 0 && ::dup2(nowhere, STDERR_FILENO) >= 0, "no /dev/null");
+  double const cost = nanosecondsEach(kTimes, [&] {
+    for (long i = 0; i < kTimes; ++i) write();
+  });
+  ::dup2(kept, STDERR_FILENO);
+  ::close(kept);
+  ::close(nowhere);
+  return cost;
+}
+
+double traceRecord() {
+  static auto* const handle = new Kiv::TraceHandle("BenchRecord", 0);
+  return recordEach([] { Kiv::traceHelper(*handle, 5, 1, kSourceFile, 7, "work", "value 12345"); });
+}
+
+double bareWrite() {
+  std::string const record(64, 'x');
+  return recordEach([&] {
+    check(::write(STDERR_FILENO, record.data(), record.size()) > 0, "a record was lost");
+  });
+}
+
+class Lamp final : public Kiv::Entity {
+ public:
+  class Notifiee : public Kiv::NotifieeOf<Lamp> {
+   public:
+    using NotifieeOf::NotifieeOf;
+    virtual void onLevel() {}
+  };
+  Kiv::Attribute<Kiv::U32> level{*this, &Notifiee::onLevel};
+  Kiv::Model const& model() const override {
+    static Kiv::Model const& table =
+        Kiv::ModelOf<Lamp>("bench::Lamp").attribute("level", &Lamp::level).made();
+    return table;
+  }
+};
+
+struct Listener final : Lamp::Notifiee {
+  using Lamp::Notifiee::Notifiee;
+  void onLevel() override { ++count; }
+  long count = 0;
+};
+
+double changeHeard() {
+  auto const lamp = Kiv::allocate<Lamp>();
+  auto const listener = Kiv::allocate<Listener>(lamp);
+  double const cost = nanosecondsEach(kTimes, [&] {
+    for (long i = 0; i < kTimes; ++i) lamp->level.is(static_cast<Kiv::U32>(i + 1));
+  });
+  check(listener->count == kTimes, "a change was missed");
+  return cost;
+}
+
+double entityMade() {
+  return nanosecondsEach(kTimes, [] {
+    for (long i = 0; i < kTimes; ++i) keep(Kiv::allocate<Lamp>().ptr());
+  });
+}
+
+double sharedMade() {
+  struct Same {
+    char bytes[sizeof(Lamp)] = {};
+  };
+  return nanosecondsEach(kTimes, [] {
+    for (long i = 0; i < kTimes; ++i) keep(std::make_shared<Same>().get());
+  });
+}
+
 // Exceptions, thrown below a stack of 20 frames
 
 constexpr unsigned kDepth = 20;
 constexpr long kThrows = 500;
 
-__attribute__((noinline, noclone)) void descend(unsigned frames, void (*bottom)()) {
+__attribute__((noinline)) void descend(unsigned frames, void (*bottom)()) {
   if (frames == 0) {
     bottom();
   } else {
@@ -142,6 +221,21 @@ double unorderedMapLookup() {
   });
 }
 
+__attribute__((noinline)) bool has(std::unordered_map<std::string, std::uint64_t> const& map,
+                                   std::string name) {
+  return map.find(name) != map.end();
+}
+
+/// As counterAddr takes its key.
+double unorderedMapLookupByValue() {
+  auto const names = keys(10000);
+  std::unordered_map<std::string, std::uint64_t> map;
+  for (auto const& name : names) map.emplace(name, map.size() + 1);
+  return nanosecondsEach(10000, [&] {
+    for (auto const& name : names) check(has(map, name), "no counter");
+  });
+}
+
 // Reports
 
 double reportEachTask(long tasks) {
@@ -191,6 +285,19 @@ Row parts() {
           {atMost(8, "history insert")}};
 }
 
+Row records() {
+  return {"trace record", "ns", {{"trace record", &traceRecord}, {"bare write", &bareWrite}}, {}};
+}
+
+Row entities() {
+  return {"entity",
+          "ns",
+          {{"made and gone", &entityMade},
+           {"std::make_shared", &sharedMade},
+           {"change, heard by one", &changeHeard}},
+          {}};
+}
+
 Row traceInstructions() {
   return {"trace statement, off, instructions",
           "instructions",
@@ -214,7 +321,9 @@ Row exceptions() {
 Row counters() {
   return {"counter by key, 10,000 keys",
           "ns",
-          {{"counterAddr", &counterLookup}, {"std::unordered_map", &unorderedMapLookup}},
+          {{"counterAddr", &counterLookup},
+           {"std::unordered_map", &unorderedMapLookup},
+           {"std::unordered_map, key by value", &unorderedMapLookupByValue}},
           {atMost(1.5, "counterAddr", "std::unordered_map")}};
 }
 
@@ -251,7 +360,9 @@ Row start() {
 }  // namespace
 
 Suite partRows() {
-  return {{parts(), traceInstructions(), exceptions(), counters(), reports(), start()}, {}};
+  return {{parts(), traceInstructions(), records(), entities(), exceptions(), counters(), reports(),
+           start()},
+          {}};
 }
 
 }  // namespace bench

@@ -120,8 +120,10 @@ Kiv::String ShmemMan::fileName() const {
 }
 
 U64 ShmemMan::counterAddr(Kiv::String counterKey, U32 counterSize, bool readFlag) {
+  bool const quiet = !tracing(kProgress);  // asked once: most calls are for a block that is there
   SHMEM_TRACE(kProgress, kCounterAddr);
   U32 block = counterKeyToMemBlock_(counterKey);
+  if (quiet && block != 0 && mmapStartAddr_() != 0) return _blockAddr(block, counterSize);
   SHMEM_TRACE(kProgress,
               kCounterAddr << " lookup block for key: " << counterKey << " block: " << block);
   if (block == 0 && readFlag) return 0;

@@ -4,6 +4,8 @@
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <map>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -73,6 +75,29 @@ TEST_F(EntityTest, collectionsTellTheKey) {
   };
   lamp->room.delAll();  // which the first reaction ends
   EXPECT_THAT(calls, ElementsAre("ax", "ax", "a", "ax", "az", "a"));
+}
+
+// Numbers whose hashes crowd, in and out of a table that grows, beside the standard's map.
+TEST(CollectionTest, findsWhatWasNotTakenOut) {
+  Ptr<Lamp> const lamp = allocate<Lamp>("lamp");
+  std::map<S32, std::string> expected;
+  std::mt19937 random(1);
+  for (int step = 0; step < 20000; ++step) {
+    int const limit = step % 4000 < 2000 ? 600 : 40;  // grows, and dwindles
+    S32 const key = static_cast<S32>(random() % 600) * 4096;
+    std::string const value = "v" + std::to_string(step);
+    if (static_cast<int>(random() % 600) < limit) {
+      lamp->mark.is(key, Mark{value, 0});
+      expected[key] = value;
+    } else {
+      ASSERT_EQ(expected[key], lamp->mark.del(key).type.stdString()) << "step " << step;
+      expected.erase(key);
+    }
+    S32 const other = static_cast<S32>(random() % 600) * 4096;
+    ASSERT_EQ(expected.count(other) > 0, lamp->mark.has(other)) << "step " << step;
+  }
+  for (auto const& [key, value] : expected) EXPECT_EQ(value, lamp->mark(key).type.stdString());
+  EXPECT_EQ(expected.size(), lamp->mark.all().size());
 }
 
 TEST_F(EntityTest, whatReactionsMayDo) {
