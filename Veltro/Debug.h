@@ -60,7 +60,7 @@ class DebugHolder {
         owned_(other.owned_) {}
   DebugHolder& operator=(DebugHolder const& other) {
     // A source that borrows the very handler that this one owns: keep it.
-    if (this == &other || handler_ == other.handler_) return *this;
+    if (this == &other || (owned_ && handler_ == other.handler_)) return *this;
     DebugHolder copy(other);  // may throw, so before anything changes
     std::swap(handler_, copy.handler_);
     std::swap(owned_, copy.owned_);

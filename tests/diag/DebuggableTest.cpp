@@ -40,6 +40,10 @@ TYPED_TEST(HolderTest, borrowersShareAndOwnersHaveTheirOwn) {
   target = ofItsOwn;
   EXPECT_EQ(&ofItsOwn.debugHandler(), &target.debugHandler());
   EXPECT_EQ("HolderTest", target.debugHandler().name());
+
+  TypeParam second(target.debugHandler());
+  second = target;
+  EXPECT_NE(&second.debugHandler(), &target.debugHandler()) << "the copy of an owner outlives it";
 }
 
 }  // namespace
