@@ -19,6 +19,7 @@ class VELTRO_API Exception : public std::exception {
   Exception(std::string const& message, bool wantBacktrace);
   ~Exception() override;
   /// The message, with the backtrace behind it; made at the first call, valid while this lives.
+  /// The bare message as long as there is no memory for that.
   char const* what() const noexcept override;
   /// The class's own name, with its namespace.
   virtual char const* name() const;

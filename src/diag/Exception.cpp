@@ -9,10 +9,13 @@ Exception::~Exception() = default;
 char const* Exception::name() const { return "Veltro::Exception"; }
 
 char const* Exception::what() const noexcept {
-  if (whatText_.empty()) {
+  if (!whatText_.empty()) return whatText_.c_str();
+  try {
     whatText_ = std::string(name()) + "(\"" + message_ + "\")\nBacktrace:\n" + backtrace_.pretty();
+    return whatText_.c_str();
+  } catch (std::exception const&) {  // no memory: what there is, rather than the process's end
+    return message_.c_str();
   }
-  return whatText_.c_str();
 }
 
 MemoryResourceException::MemoryResourceException(std::string const& message)

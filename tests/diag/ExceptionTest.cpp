@@ -48,6 +48,14 @@ TEST(ExceptionTest, withoutABacktraceItSaysSo) {
   EXPECT_EQ(bare.what(), bare.what()) << "built once, kept";
 }
 
+TEST(ExceptionTest, outOfMemoryItSaysItsMessage) {
+  struct Starved final : Exception {
+    Starved() : Exception("text", false) {}
+    char const* name() const override { throw std::bad_alloc(); }
+  };
+  EXPECT_STREQ("text", Starved().what());
+}
+
 __attribute__((noinline)) unsigned deep(unsigned levels, void** addresses, unsigned maximum) {
   unsigned const count =
       levels == 0 ? Backtrace::unwind(addresses, maximum) : deep(levels - 1, addresses, maximum);
