@@ -12,7 +12,8 @@ namespace Veltro {
 ///
 /// Where a handler is the first argument, notes go to it; else to the category "VeltroUtil".
 /// Failures of the world come back as results with a note: level 0 where the caller's wish was not
-/// done, level 1 a warning, level 5 the expected. Nothing throws but what says so. Every descriptor
+/// done, level 1 a warning, level 5 the expected. Nothing throws but what says so. A path that
+/// holds a zero byte names no file. Every descriptor
 /// is closed on every path, and the process's umask is restored on every path (Kiv/UmaskGuard.h).
 /// Callable from any thread; nothing is kept between calls. All calls may block on the file system.
 class VELTRO_API Util {

@@ -2,6 +2,7 @@
 
 #include <cerrno>
 
+#include "CPath.h"
 #include "Veltro/Debug.h"
 
 namespace Veltro {
@@ -14,7 +15,7 @@ constexpr char const* kSourceFile = "Veltro/DirNode";
 DirNode::DirNode(Platform::DebugHandler& handler, std::string const& path)
     : path_(path), handler_(handler), dir_(nullptr) {
   VELTRO_TRACE(handler_, 5, "DirNode::DirNode() path: " << path_);
-  dir_ = ::opendir(path_.c_str());
+  dir_ = ::opendir(util::cPath(path_));
   if (dir_ == nullptr) {
     int const error = errno;
     VELTRO_TRACE(handler_, 1, "DirNode::DirNode() failed to open " << path_ << " errno: " << error);
@@ -38,7 +39,7 @@ bool DirNode::openDir() {
         handler_, 1,
         "DirNode::openDir() failed to close " << path_ << " before reopening. errno: " << error);
   }
-  dir_ = ::opendir(path_.c_str());
+  dir_ = ::opendir(util::cPath(path_));
   if (dir_ == nullptr) {
     int const error = errno;
     VELTRO_TRACE(handler_, 1, "DirNode::openDir() failed to open " << path_ << " errno: " << error);

@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "CPath.h"
 #include "Descriptor.h"
 #include "Kiv/UmaskGuard.h"
 #include "ReadFile.h"
@@ -19,7 +20,7 @@ constexpr char const* kSourceFile = "Veltro/UtilCpp";
 
 int openForAll(std::string const& path, int flags) {
   Kiv::UmaskGuard const window;
-  return ::open(path.c_str(), flags | O_CREAT | O_CLOEXEC | O_NOCTTY, 0666);
+  return ::open(util::cPath(path), flags | O_CREAT | O_CLOEXEC | O_NOCTTY, 0666);
 }
 
 ssize_t writeOnce(int fd, std::string const& content) {
@@ -82,14 +83,14 @@ std::string Util::fileRead(Platform::DebugHandler& handler, std::string const& p
 
 bool Util::fileExists(Platform::DebugHandler& handler, std::string const& path) {
   struct stat info {};
-  int const result = ::stat(path.c_str(), &info);
+  int const result = ::stat(util::cPath(path), &info);
   VELTRO_TRACE(handler, 5,
                "Util::fileExists() checking if " << path << " exists, stat result:" << result);
   return result == 0;
 }
 
 bool Util::fileRemove(Platform::DebugHandler& handler, std::string const& path) {
-  if (::unlink(path.c_str()) == 0) {
+  if (::unlink(util::cPath(path)) == 0) {
     VELTRO_TRACE(handler, 5, "Util::fileRemove() removed file " << path);
     return true;
   }
@@ -102,7 +103,7 @@ bool Util::fileRemove(Platform::DebugHandler& handler, std::string const& path) 
 
 U64 Util::fileSize(Platform::DebugHandler& handler, std::string const& path) {
   struct stat info {};
-  if (::stat(path.c_str(), &info) == 0) return static_cast<U64>(info.st_size);
+  if (::stat(util::cPath(path), &info) == 0) return static_cast<U64>(info.st_size);
   int const error = errno;
   VELTRO_TRACE(handler, 5,
                "Util::fileSize() unable to stat file " << path << ": " << std::strerror(error));

@@ -9,6 +9,7 @@
 #include <memory>
 #include <string_view>
 
+#include "CPath.h"
 #include "Handler.h"
 #include "Kiv/UmaskGuard.h"
 
@@ -45,7 +46,7 @@ int Util::mkpath(std::string const& path, unsigned mode) {
   VELTRO_TRACE(util::debug(), 9,
                "Util::::mkpath() creating path: " << path << " mode: " << std::oct << mode);
   Kiv::UmaskGuard const window;
-  if (::mkdir(path.c_str(), mode) == 0 || errno == EEXIST) return 0;
+  if (::mkdir(util::cPath(path), mode) == 0 || errno == EEXIST) return 0;
   if (errno != ENOENT) return -1;
 
   // Without a parent to make there is nothing left to try: the empty path, or a relative one in a
@@ -54,9 +55,9 @@ int Util::mkpath(std::string const& path, unsigned mode) {
   if (slash == std::string::npos) return fail(ENOENT);
   if (mkpath(path.substr(0, slash), mode) != 0) return -1;
 
-  int const result = ::mkdir(path.c_str(), mode);
+  int const result = ::mkdir(util::cPath(path), mode);
   if (result != 0 && errno != EEXIST) return result;
-  ::chmod(path.c_str(), mode);
+  ::chmod(util::cPath(path), mode);
   return 0;
 }
 
@@ -68,7 +69,7 @@ int Util::trimpath(std::string const& absolute, std::string const& trailing) {
   std::string current = absolute;
   for (;;) {
     VELTRO_TRACE(util::debug(), 9, "Util::trimpath() removing dir " << current);
-    if (::rmdir(current.c_str()) != 0 && errno != ENOENT) {
+    if (::rmdir(util::cPath(current)) != 0 && errno != ENOENT) {
       int const error = errno;
       VELTRO_TRACE(
           util::debug(), 5,

@@ -7,6 +7,7 @@
 #include <new>
 #include <stdexcept>
 
+#include "CPath.h"
 #include "Descriptor.h"
 #include "Veltro/Platform.h"
 
@@ -49,7 +50,7 @@ bool readFitting(int fd, std::string& text) {
 int openToRead(std::string const& path) {
   int fd = -1;
   do {
-    fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY);
+    fd = ::open(cPath(path), O_RDONLY | O_CLOEXEC | O_NOCTTY);
   } while (fd < 0 && errno == EINTR);  // waiting for a FIFO's writer
   return fd;
 }

@@ -135,6 +135,18 @@ TEST_F(FilesTest, whatFailsIsRecorded) {
   }
 }
 
+TEST_F(FilesTest, aPathWithAZeroByteIsNotTheFileOfItsBeginning) {
+  std::string const victim = folder.path("victim");
+  std::string const path = victim + std::string("\0.txt", 5);
+  Util::fileWrite(handler, victim, "kept", false);
+  EXPECT_THROW(Util::fileWrite(handler, path, "lost", false), RuntimeException);
+  Util::fileRemove(handler, path);
+  EXPECT_FALSE(Util::fileExists(handler, path));
+  EXPECT_EQ("", Util::fileRead(handler, path, true));
+  EXPECT_EQ(-1, Util::mkpath(path, 0755));
+  EXPECT_EQ("kept", Util::fileRead(handler, victim, true));
+}
+
 TEST_F(FilesTest, aPipeIsReadToItsEndThroughSignalsAndNotWaitedForWhenTouched) {
   std::string const path = folder.path("fifo");
   ASSERT_EQ(0, ::mkfifo(path.c_str(), 0600));
