@@ -1,5 +1,6 @@
 #include "Poller.h"
 
+#include <poll.h>
 #include <pthread.h>
 #include <unistd.h>
 
@@ -41,6 +42,11 @@ int toMilliseconds(double seconds) {
   time.tv_sec = static_cast<std::time_t>(whole) + nanoseconds / 1000000000;
   time.tv_nsec = nanoseconds % 1000000000;
   return time;
+}
+
+void sleep(double seconds) {
+  ::timespec const time = toTimespec(seconds > 0 ? seconds : 0);
+  ::ppoll(nullptr, 0, &time, nullptr);
 }
 
 }  // namespace
@@ -190,12 +196,17 @@ bool Poller::look(double seconds) {
   ++looks_;
   changes_ = 0;
   ready_ = 0;
-  int const count = error == 0 ? _waitForEvents(seconds) : -1;
+  if (error != 0) {
+    if (watching()) throw ErrnoException("epoll_create1", error);
+    sleep(seconds);  // timers go on also where no descriptor is left
+    return false;
+  }
+  int const count = _waitForEvents(seconds);
   if (count >= 0) {
     ready_ = static_cast<U32>(count);
     return ready_ != 0;
   }
-  if (error == 0) error = errno;
+  error = errno;
   if (error == EBADF || error == EINVAL) error = _renewSet();  // somebody closed it
   if (error != 0 && error != EINTR) throw ErrnoException("epoll_wait", error);
   return false;

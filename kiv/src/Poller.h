@@ -36,7 +36,7 @@ class Poller final {
   int interestsChanged(int descriptor);
 
   /// Looks which descriptors are ready, waiting no longer than `seconds` (0: not at all;
-  /// infinite: until one is). False when none is.
+  /// infinite: until one is). False when none is. With nothing watched it needs no set.
   bool look(double seconds);
   /// True when the latest look found something that was not served since.
   bool ready() const { return ready_ != 0; }

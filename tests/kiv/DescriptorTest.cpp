@@ -273,6 +273,10 @@ TEST(DescriptorTest, interestsGoEvenWhereNoSetCanBeMade) {
   Veltro::inChild([&] {
     Veltro::limitIs(RLIMIT_NOFILE, 0);
     watch.notifier().notifyOnReadableIs(false);
+    Timer timer;
+    timer.timeMinIs(System::currentTime() + 0.001);
+    runFor(0.002);
+    EXPECT_EQ(1, timer.calls) << "nothing is watched, so no set is needed";
     Veltro::limitIs(RLIMIT_NOFILE, 100);
     config().virtualTimeIs(true);
     runFor(1e6);  // lasts for real if what is readable is still asked for
