@@ -229,8 +229,14 @@ void FileDescriptorTask::taskQuantumIs(Nanoseconds quantum) {
 }
 bool FileDescriptorTask::taskSuspendedForTest() const { return readTask_->taskSuspendedForTest(); }
 void FileDescriptorTask::taskSuspendedForTestIs(bool suspended) {
+  std::shared_ptr<_TaskBase> const self = weak_from_this().lock();  // handleTaskBusy() may let go
+  bool const resumed = taskSuspendedForTest() && !suspended;
   readTask_->taskSuspendedForTestIs(suspended);
   if (writeTask_) writeTask_->taskSuspendedForTestIs(suspended);
+  if (!resumed) return;
+  // A task resumed gets a run in any case; but a side that is off has nothing to catch up with.
+  if (!watchReadable_) readTask_->unscheduleTask();
+  if (writeTask_ && !watchWritable_) writeTask_->unscheduleTask();
 }
 bool FileDescriptorTask::taskForceYieldInTest() const { return readTask_->taskForceYieldInTest(); }
 void FileDescriptorTask::taskForceYieldInTestIs(bool force) {

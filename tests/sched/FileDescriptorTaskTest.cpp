@@ -73,6 +73,17 @@ TEST_F(FileDescriptorTaskTest, theHandlersAccountsGoToTheSideThatRuns) {
   EXPECT_EQ(3u, task->taskWorkCountReadableHighWaterMark());
 }
 
+TEST_F(FileDescriptorTaskTest, resumedItRunsTheSidesThatAreOn) {
+  task->taskWatchWritableIs(true);
+  int writes = 0;
+  task->onRead = [] { FAIL() << "reads are off"; };
+  task->onWrite = [&] { ++writes; };
+  task->taskSuspendedForTestIs(true);
+  task->taskSuspendedForTestIs(false);
+  root->runUntilIdle();
+  EXPECT_EQ(1, writes);
+}
+
 // Controls are tasks as well.
 using TaskControlsTest = SchedTest;
 
