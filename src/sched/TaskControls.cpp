@@ -8,14 +8,38 @@
 namespace Veltro {
 namespace {
 
+/// A control's run, on the stack around its handler's event. Each holds one reference to it.
+class Run final {
+ public:
+  explicit Run(_TaskBase const& control) : control_(control), outer_(innermost) {
+    innermost = this;
+  }
+  Run(Run const&) = delete;
+  Run& operator=(Run const&) = delete;
+  ~Run() { innermost = outer_; }
+  /// Whether the runs alone, this one and those that it is nested in, keep the control.
+  bool released() const {
+    long runs = 0;
+    for (Run const* run = this; run != nullptr; run = run->outer_) {
+      if (&run->control_ == &control_) ++runs;
+    }
+    return control_.weak_from_this().use_count() <= runs;
+  }
+
+ private:
+  static thread_local Run const* innermost;
+  _TaskBase const& control_;
+  Run const* const outer_;
+};
+thread_local Run const* Run::innermost = nullptr;
+
 /// Calls `event`, the handler's event in a run of `control`; what it throws goes on unless the
-/// handler answers for it. When the run itself holds the last reference, the handler has let go of
-/// its control and may be gone itself: nobody to ask.
+/// handler answers for it. One that has let go of its control may be gone itself: nobody to ask.
 template <typename Event, typename Answer>
 void call(_TaskBase const& control, Event&& event, Answer&& answer) {
+  Run const run(control);
   catching(event, [&] {
-    bool const released = control.weak_from_this().use_count() <= 1;
-    if (released || !answer()) throw;
+    if (run.released() || !answer()) throw;
   });
 }
 

@@ -134,5 +134,19 @@ TEST_F(TaskControlsTest, aHandlerThatReleasedItsControlIsNotAsked) {
   pipe->put();
   EXPECT_THROW(root->runUntilIdle(), int);
 }
+
+TEST_F(TaskControlsTest, releasedInsideANestedRunItIsNotAskedEither) {
+  Callback back;
+  back.answer = true;
+  auto callback = Platform::getCallbackControl(&back, root, TaskPriority::normal, "callback");
+  int runs = 0;
+  back.onCallback = [&] {
+    if (++runs == 1) return dynamic_cast<Task&>(*callback).taskRunFromTest();
+    callback.reset();
+    throw 1;
+  };
+  callback->requestCallback();
+  EXPECT_THROW(root->runUntilIdle(), int);
+}
 }  // namespace
 }  // namespace Veltro
