@@ -56,8 +56,13 @@ void moveBack(event& timer, timeval const& deadline, timeval const& now) {
 
 }  // namespace
 
-void fastForwardArmed(LibeventThread const& thread, event& timer) {
-  lowerMinTime(timer);
+void fastForwardArmed(LibeventThread& thread, event& timer) {
+  // minTime only falls, so a deadline that is not the earliest of its thread says nothing new.
+  timeval& earliest = thread.earliestHeard;
+  if (!evutil_timerisset(&earliest) || evutil_timercmp(&timer.ev_timeout, &earliest, <)) {
+    earliest = timer.ev_timeout;
+    lowerMinTime(timer);
+  }
   if (thread.isMain) timerSet().insert(&timer);
 }
 

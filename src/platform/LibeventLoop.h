@@ -43,6 +43,8 @@ struct LibeventThread {
   // Of the latest zero delay: libevent's time and the deadline within it, in microseconds.
   std::int64_t zeroNow = 0;
   std::int64_t zeroDeadline = 0;
+  // The earliest deadline, by libevent's clock, that fast forward has heard of; zero before any.
+  timeval earliestHeard{};
 
   static LibeventThread& current();
 
@@ -76,7 +78,7 @@ struct LibeventThread {
 timeval toDelay(double seconds);
 
 /// Timers of the main thread, for fast forward: what is armed, and the earliest deadline so far.
-void fastForwardArmed(LibeventThread const& thread, event& timer);
+void fastForwardArmed(LibeventThread& thread, event& timer);
 void fastForwardGone(LibeventThread const& thread, event& timer);
 /// Makes all of them due, if the mode is on and `thread` is the main one.
 void fastForwardAll(LibeventThread const& thread);

@@ -29,10 +29,13 @@ std::int64_t microseconds(timeval const& time) {
   return std::int64_t{time.tv_sec} * 1000000 + time.tv_usec;
 }
 
-int addAt(event& timer, std::int64_t delayUs) {
-  timeval delay;
-  delay.tv_sec = static_cast<decltype(delay.tv_sec)>((delayUs - 999999) / 1000000);
-  delay.tv_usec = static_cast<decltype(delay.tv_usec)>(delayUs - delay.tv_sec * 1000000LL);
+// The delay is less than a second back: no division of 64 bits, dear on 32.
+int addBack(event& timer, std::int64_t delayUs) {
+  timeval delay{};
+  if (delayUs < 0) {
+    delay.tv_sec = -1;
+    delay.tv_usec = static_cast<decltype(delay.tv_usec)>(delayUs + 1000000);
+  }
   return event_add(&timer, &delay);
 }
 
@@ -46,12 +49,12 @@ int addNow(LibeventThread& thread, event& timer) {
     return std::min(std::max(thread.zeroDeadline + 1 - thread.zeroNow, -kRoomUs), std::int64_t{0});
   };
   std::int64_t delayUs = behindLast();
-  int result = addAt(timer, delayUs);
+  int result = addBack(timer, delayUs);
   std::int64_t const now = microseconds(timer.ev_timeout) - delayUs;
   if (result == 0 && now != thread.zeroNow) {  // it has moved on: the room is free again
     thread.zeroNow = now;
     delayUs = behindLast();
-    result = addAt(timer, delayUs);
+    result = addBack(timer, delayUs);
   }
   thread.zeroDeadline = now + delayUs;
   return result;
