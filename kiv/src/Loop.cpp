@@ -123,7 +123,7 @@ inline bool Loop::_pass() {
   bool const resumed = cut_;
   cut_ = true;
   if (resumed) {
-    _look();  // and no new batch: first what the cut kept from its turn
+    _look();  // and no new batch: first what is left of the last one, and the descriptors
   } else {
     if (_nothingDue()) {
       if (!_waitForWork()) {
@@ -136,11 +136,11 @@ inline bool Loop::_pass() {
     timers_.take(clock_.latest());
   }
   _callBatch();
+  cut_ = stop_;
   if (poller_.ready()) {
     calls_ += poller_.readyCount();
     poller_.serve(reaction_, stop_);
   }
-  cut_ = stop_;
   return clock_.latest() < end_;
 }
 

@@ -66,7 +66,7 @@ class Loop final {
   bool virtual_ = false;
   bool running_ = false;
   bool stop_ = false;
-  bool cut_ = false;  // the latest pass was left before its end
+  bool cut_ = false;  // the latest pass was left before the descriptors' turn
 
   // What an observed pass notes on its way.
   PassObserver* observer_ = nullptr;

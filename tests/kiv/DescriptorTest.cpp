@@ -236,6 +236,42 @@ TEST(DescriptorTest, whoIsCutOffByAStopOrAnExceptionComesFirst) {
   }
 }
 
+TEST(DescriptorTest, whatThrowsForEverStarvesNobody) {
+  struct {
+    char const* name;
+    char const* throwing;  // of a and b, the timers, and d, the descriptor: all in every pass
+    char const* calls;     // a bar ends a run
+  } const cases[] = {
+      {"none", "", "abd|abd|abd|abd|"},
+      {"the descriptor", "d", "abd|abd|abd|abd|"},
+      {"a timer", "a", "a|bd|a|bd|"},
+      {"all", "abd", "a|b|d|a|"},
+  };
+  for (auto const& c : cases) {
+    SCOPED_TRACE(c.name);
+    std::string calls;
+    auto const called = [&](char who) {
+      calls += who;
+      if (std::string(c.throwing).find(who) != std::string::npos) throw 1;
+    };
+    Pair pair;
+    pair.write();
+    Watch const watch(pair.ends[0], [&] { called('d'); });
+    Timer a([&] { a.timeMinIsNow(), called('a'); });
+    Timer b([&] { b.timeMinIsNow(), called('b'); });
+    a.timeMinIsNow();
+    b.timeMinIsNow();
+    for (int run = 0; run < 4; ++run) {
+      try {
+        runFor(0);
+      } catch (int) {
+      }
+      calls += '|';
+    }
+    EXPECT_EQ(c.calls, calls);
+  }
+}
+
 TEST(DescriptorTest, virtualTimeJumpsOnlyWhenNothingIsReady) {
   config().virtualTimeIs(true);
   Pair pair;
