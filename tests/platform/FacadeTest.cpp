@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <future>
+#include <mutex>
 #include <thread>
 #include <vector>
 
@@ -50,6 +51,8 @@ TEST(FacadeTest, aThreadKeepsTheLoopOfItsFirstCall) {
        },
        true},
   };
+  // One after the other: those with the type system's loop share it.
+  std::mutex turn;
   std::atomic<std::size_t> called{0};
   std::promise<void> optIn;
   auto const optedIn = optIn.get_future().share();
@@ -59,11 +62,12 @@ TEST(FacadeTest, aThreadKeepsTheLoopOfItsFirstCall) {
       c.firstCall();
       ++called;
       optedIn.wait();
+      std::lock_guard<std::mutex> const lock(turn);
       EXPECT_EQ(c.libevent, getsLibevent()) << c.name;
       leFree();
     });
+    while (called < threads.size()) std::this_thread::yield();
   }
-  while (called < threads.size()) std::this_thread::yield();
   useThreadLocalSingletons();
   EXPECT_TRUE(hasThreadLocalSingletons());
   optIn.set_value();
