@@ -91,9 +91,14 @@ struct IndexerTest : testing::Test {
   }
   /// What is answered to these lines.
   std::string ask(std::string const& text) const { return heardBy(asker(text)); }
+  /// Sooner or later; on the way a file that is read anew is not known for a moment.
   void becomes(std::string const& expected, std::string const& questions) const {
-    for (int tries = 0; tries < 5000 && ask(questions) != expected; ++tries) ::usleep(2000);
-    EXPECT_EQ(expected, ask(questions));
+    std::string answer = ask(questions);
+    for (int tries = 0; tries < 5000 && answer != expected; ++tries) {
+      ::usleep(2000);
+      answer = ask(questions);
+    }
+    EXPECT_EQ(expected, answer);
   }
 
   TempDir temp;
