@@ -126,8 +126,7 @@ class TaskPlayer final : public Veltro::FileDescriptorTask {
 
  private:
   void taskExecuteReadable() override {
-    // Level-triggered: while the task was queued the descriptor was found ready once more.
-    if (!game_.pair.tryTake(which_)) return;
+    game_.pair.take(which_);  // stops the program where a run comes for nothing
     if (--game_.left == 0) return loop_.stop();
     game_.pair.put(which_);
   }
@@ -198,7 +197,7 @@ Row systemCalls() {
            counting("libevent", [] { return roundTrip<LibeventLoop>(0); }),
            counting("Asio", [] { return roundTrip<AsioLoop>(0); }),
            counting("bare calls", [] { return roundTrip<BareCalls>(0); })},
-          {atMost(6, "our loop"), atMost(6, "our facade")},
+          {atMost(6, "our loop"), atMost(6, "our facade"), atMost(6, "descriptor tasks")},
           true};
 }
 

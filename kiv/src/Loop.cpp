@@ -121,27 +121,21 @@ inline void Loop::_callBatch() {
 /// False when the run is over.
 inline bool Loop::_pass() {
   bool const resumed = cut_;
+  bool const idle = !resumed && _nothingDue();
+  if (idle && !_waitForWork()) return false;
   cut_ = true;
-  if (resumed) {
-    _look();  // and no new batch: first what is left of the last one, and the descriptors
-  } else {
-    if (_nothingDue()) {
-      if (!_waitForWork()) {
-        cut_ = false;
-        return false;
-      }
-    } else if (_lookIsDue()) {
-      _look();
-    }
-    timers_.take(clock_.latest());
-  }
+  double const time = clock_.latest();
+  if (!resumed) timers_.take(time);  // else first what is left of the last batch
   _callBatch();
   cut_ = stop_;
+  // After the batch, so that what the kernel says is still true when descriptors are served: one
+  // that a task has just read is not found ready once more for nothing.
+  if (!stop_ && !idle && (resumed || _lookIsDue())) _look();
   if (poller_.ready()) {
     calls_ += poller_.readyCount();
     poller_.serve(reaction_, stop_);
   }
-  return clock_.latest() < end_;
+  return time < end_;
 }
 
 /// A pass, timed. One that an exception leaves is not told of.

@@ -272,6 +272,16 @@ TEST(DescriptorTest, whatThrowsForEverStarvesNobody) {
   }
 }
 
+TEST(DescriptorTest, whatATimerHasReadIsNotServedOnceMore) {
+  Pair pair;
+  pair.write();
+  Watch const watch(pair.ends[0], [] {});
+  Timer timer([&] { pair.read(); });
+  timer.timeMinIsNow();
+  runFor(0);
+  EXPECT_EQ(0u, watch->notifier().readableCount());
+}
+
 TEST(DescriptorTest, virtualTimeJumpsOnlyWhenNothingIsReady) {
   config().virtualTimeIs(true);
   Pair pair;
