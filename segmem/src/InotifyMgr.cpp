@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "InotifyEvents.h"
+#include "Kiv/Exception.h"
 #include "Kiv/FileDescriptor.h"
 #include "Mem/WatchDescriptor.h"
 #include "OwnedFd.h"
@@ -95,7 +96,13 @@ bool InotifyMgr::_watch(Watch& watch) {
   if (wd < 0) return false;
   watch.wd_ = wd;
   table_.emplace(wd, &watch);
-  source_->notifier().notifyOnReadableIs(true);
+  try {
+    source_->notifier().notifyOnReadableIs(true);
+  } catch (Kiv::ErrnoException const& refused) {
+    _del(watch);
+    errno = refused.errnum();
+    return false;
+  }
   return true;
 }
 
@@ -131,7 +138,12 @@ bool InotifyMgr::_ownSource() {
   if (source_ != nullptr && source_->ofThisProcess()) return true;
   OwnedFd fd(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
   if (fd.fd() < 0) return false;
-  source_ = Kiv::Ptr<Source>(new Source(*this, std::move(fd)));
+  try {
+    source_ = Kiv::Ptr<Source>(new Source(*this, std::move(fd)));
+  } catch (Kiv::ErrnoException const& refused) {  // the loop has no descriptor left for its own
+    errno = refused.errnum();
+    return false;
+  }
   for (auto const& inherited : std::exchange(table_, Table())) {
     Watch& watch = *inherited.second;
     watch.wd_ = -1;

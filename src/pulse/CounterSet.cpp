@@ -57,6 +57,7 @@ CounterSet::CounterSet(std::string const& name) : name_(name) {
     _open();
   } catch (std::exception const& fault) {
     blocks_ = nullptr;
+    if (lock_ >= 0) ::close(lock_);  // another process may publish them
     VELTRO_TRACE(debug(), 0, "counters of " << name_ << " are not published: " << fault.what());
   }
 }
@@ -74,8 +75,8 @@ void CounterSet::_open() {
   genId_ = static_cast<U32>(::time(nullptr));
 }
 
-/// Two publishers would lose each other's counts. The descriptor stays open: the lock is the
-/// process's, and goes with it however it ends.
+/// Two publishers would lose each other's counts. The descriptor of one that publishes stays open:
+/// the lock is the process's, and goes with it however it ends.
 void CounterSet::_lock(std::string const& path) {
   int const fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0666);
   if (fd < 0) throw Kiv::ErrnoException(path, errno);
@@ -84,7 +85,10 @@ void CounterSet::_lock(std::string const& path) {
   whole.l_type = F_WRLCK;
   whole.l_whence = SEEK_SET;
   bool const regular = ::fstat(fd, &status) == 0 && S_ISREG(status.st_mode);
-  if (regular && ::fcntl(fd, F_SETLK, &whole) == 0) return;
+  if (regular && ::fcntl(fd, F_SETLK, &whole) == 0) {
+    lock_ = fd;
+    return;
+  }
   int const reason = regular ? errno : EINVAL;
   ::close(fd);
   if (reason == EACCES || reason == EAGAIN) {

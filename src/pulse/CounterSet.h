@@ -41,6 +41,7 @@ class CounterSet final {
 
   std::string const name_;
   std::string log_;
+  int lock_ = -1;  // held while anything is published
   U32 genId_ = 0;
   Kiv::Ptr<Veltro::ShmemMan> blocks_;  // null when nothing is published
   std::map<std::string, U64*> counters_;

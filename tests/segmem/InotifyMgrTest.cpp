@@ -152,9 +152,18 @@ TEST_F(InotifyMgrTest, whatCannotBeWatchedIsRefused) {
       {"no path", IN_CREATE, ""},
   };
   for (auto const& c : cases) {
-    Recorder recorder(c.mask, c.path);
+    Recorder const recorder(c.mask, c.path);
     EXPECT_FALSE(recorder.live) << c.name;
     EXPECT_EQ(-1, recorder.watch.wd());
+  }
+  // A child needs an inotify descriptor of its own, and one for its loop.
+  for (int const spare : {0, 1}) {
+    Veltro::inChild([&] {
+      Veltro::limitIs(RLIMIT_NOFILE, static_cast<rlim_t>(Veltro::nextDescriptors()[0] + spare));
+      EXPECT_FALSE(Recorder(IN_CREATE, temp.path()).live) << spare;
+      Veltro::limitIs(RLIMIT_NOFILE, 1024);
+      EXPECT_TRUE(Recorder(IN_CREATE, temp.path()).live) << spare;
+    });
   }
   EXPECT_TRUE(InotifyMgr::getInotifyMgr().watchDescriptors().empty());
 }
@@ -169,6 +178,7 @@ TEST_F(InotifyMgrTest, aForkedChildHasEventsOfItsOwnAndTakesNoneOfTheParents) {
     EXPECT_EQ(1u, inherited.events.size());
     EXPECT_EQ(1u, own.events.size());
   });
+  Veltro::inChild(turn);  // only looks
   turn();
   EXPECT_EQ((Events{{"childs", IN_CREATE}}), inherited.events);
   EXPECT_EQ(inherited.events, leftAlone.events);

@@ -19,9 +19,6 @@ struct RootPathTest : testing::Test {
   Veltro::TempDir temp;
   Veltro::RecordingHandler handler;
 
-  RootPath make(std::string const& prefix, std::string const& dirName, bool create = false) {
-    return RootPath(handler, temp.path(), prefix, dirName, create);
-  }
   void file(std::string const& name) { std::ofstream(temp.path(name)) << "content"; }
 };
 
@@ -52,52 +49,34 @@ TEST_F(RootPathTest, joinsWithSingleSlashesAndJudgesValidity) {
   }
 }
 
-TEST_F(RootPathTest, createsAllParentsOpenToAll) {
+TEST_F(RootPathTest, makesAllParentsOpenToAllAndCleansUpItsOwnOnly) {
   mode_t const before = ::umask(077);
-  RootPath const path(handler, temp.path("root/of/it"), "p", "a/b", true);
+  RootPath path(handler, temp.path("root/of/it"), "p", "a/b/c", true);
   EXPECT_EQ(077u, ::umask(before));
   ASSERT_TRUE(path.valid());
-  for (char const* made : {"root", "root/of/it/p", "root/of/it/p/a/b"}) {
+  for (char const* made : {"root", "root/of/it/p", "root/of/it/p/a/b/c"}) {
     EXPECT_EQ(fs::perms::all, fs::status(temp.path(made)).permissions()) << made;
   }
-}
-
-TEST_F(RootPathTest, removesOneFileInItself) {
-  RootPath path = make("p", "d", true);
-  file("p/d/one");
-  file("p/outside");
+  file("kept");
+  file("root/of/it/p/a/sibling");
   fs::create_directory(path.fullPath("sub"));
+  for (char const* name : {"one", "two", "sub/deep"}) std::ofstream(path.fullPath(name)) << "x";
+  fs::create_directory_symlink(temp.path(), path.fullPath("link"));
   struct {
     std::string name;
     bool removed;
   } const cases[] = {{"one\0x"s, false},    {"one", true}, {"missing", true}, {"", false},
-                     {"../outside", false}, {"..", false}, {"sub", false},    {".", false}};
+                     {"../sibling", false}, {"..", false}, {"sub", false},    {".", false}};
   for (auto const& c : cases) EXPECT_EQ(c.removed, path.removeFile(c.name)) << c.name;
   EXPECT_FALSE(fs::exists(path.fullPath("one")));
-  EXPECT_TRUE(fs::exists(temp.path("p/outside")));
-  EXPECT_TRUE(make("p", "not there").removeFile("x"));
-}
-
-TEST_F(RootPathTest, cleanupTakesItsOwnAndItsEmptyParents) {
-  RootPath path = make("p", "a/b/c", true);
-  file("p/a/sibling");
-  file("p/a/b/c/file");
-  fs::create_directory(path.fullPath("deep"));
-  file("p/a/b/c/deep/file");
-  fs::create_directory(temp.path("outside"));
-  file("outside/kept");
-  fs::create_directory_symlink(temp.path("outside"), path.fullPath("link"));
 
   EXPECT_TRUE(path.cleanup());
-  EXPECT_FALSE(fs::exists(temp.path("p/a/b")));  // b had nothing else
-  EXPECT_TRUE(fs::exists(temp.path("p/a/sibling")));
-  EXPECT_TRUE(fs::exists(temp.path("outside/kept")));
-  EXPECT_TRUE(path.cleanup()) << "nothing there: gone already";
-
-  EXPECT_TRUE(make("p", "x/y", true).cleanup());
-  EXPECT_TRUE(fs::exists(temp.path("p"))) << "the prefix stays";
-  EXPECT_FALSE(make("p", "").cleanup());
-  EXPECT_TRUE(fs::exists(temp.path("p/a/sibling")));
+  EXPECT_FALSE(fs::exists(temp.path("root/of/it/p/a/b"))) << "it held nothing else";
+  EXPECT_TRUE(fs::exists(temp.path("root/of/it/p/a/sibling")) && fs::exists(temp.path("kept")));
+  EXPECT_TRUE(path.cleanup() && path.removeFile("x")) << "gone already";
+  EXPECT_TRUE(RootPath(handler, temp.path("root"), "p", "x/y", true).cleanup());
+  EXPECT_TRUE(fs::exists(temp.path("root/p"))) << "the prefix stays";
+  EXPECT_FALSE(RootPath(handler, temp.path("root"), "p", "", true).cleanup());
 }
 
 }  // namespace

@@ -1,8 +1,6 @@
-// Counter files under processes that race, are killed, fork, fill the disk and cut the file.
+// Counter files under processes that race and are killed, and on disks that are full.
 // VELTRO_HAMMER=5 makes it a thousand kills.
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/inotify.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -11,14 +9,10 @@
 #include <csignal>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 
-#include "Kiv/ActivityManager.h"
 #include "Kiv/AttributeLog.h"
 #include "Kiv/Exception.h"
-#include "Kiv/System.h"
 #include "Veltro/BlockCounter.h"
-#include "Veltro/InotifyMgr.h"
 #include "Veltro/ShmemMan.h"
 #include "tests/support/Hammer.h"
 #include "tests/support/OwnVar.h"
@@ -63,13 +57,7 @@ ManPtr restarted(U32 blocks = kCreators) {
   }
 }
 
-struct HammerTest : testing::Test {
-  void SetUp() override {
-    if (!mayUnshare()) GTEST_SKIP() << "needs the privilege to hide /var";
-  }
-};
-
-TEST_F(HammerTest, killedCreatorsLoseNothingThatTheyHaveTold) {
+TEST(HammerTest, killedCreatorsLoseNothingThatTheyHaveTold) {
   Hammer hammer(200);
   auto* const told = static_cast<std::atomic<U32>*>(
       ::mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
@@ -83,7 +71,6 @@ TEST_F(HammerTest, killedCreatorsLoseNothingThatTheyHaveTold) {
         if (creators[i] == 0) count(i, round, told[i]);
       }
       ::usleep(hammer.chance(4000));
-      std::swap(creators[0], creators[hammer.chance(kCreators)]);
       for (pid_t const creator : creators) ::kill(creator, SIGKILL);
       for (pid_t const creator : creators) {
         int status = 0;
@@ -110,85 +97,26 @@ TEST_F(HammerTest, killedCreatorsLoseNothingThatTheyHaveTold) {
   ::munmap(told, 4096);
 }
 
-/// Lets the loop deliver all that the kernel has queued.
-void turn() {
-  auto& config = Kiv::ActivityManager::instance().config();
-  config.virtualTimeIs(true);
-  config.executionTimeIs(1);
-  Kiv::System::doRun();
-  config.virtualTimeIs(false);
-}
-
-TEST_F(HammerTest, forksCostTheParentNeitherCountsNorEvents) {
-  Hammer hammer(100);
-  inOwnVar([&] {
-    auto man = restarted();
-    BlockCounter counter(man->counterAddr(key(3), kBlockSize, false));
-    auto watcher = inotifyWatcherFactory("/var/shmem", IN_CREATE);
-    for (U32 round = 1; round <= hammer.rounds(); ++round) {
-      counter.inc();
-      std::ofstream("/var/shmem/" + std::to_string(round));
-      unsigned const deed = hammer.chance(6);
-      pid_t const child = ::fork();
-      if (child == 0) {
-        if (deed == 0) turn();
-        if (deed == 1) watcher = nullptr;
-        if (deed == 2) inotifyWatcherFactory("/var/shmem", IN_DELETE), watcher = nullptr;
-        if (deed == 3) man->munmapFile(false), man = nullptr;
-        if (deed == 4) man->counterKeyToMemBlockDelAll(), man->newBlockForbiddenIs(true);
-        ::_exit(0);
-      }
-      if (deed == 5) ::kill(child, SIGKILL);
-      ::waitpid(child, nullptr, 0);
-      turn();
-      ASSERT_EQ(round, counter.value()) << deed;
-      ASSERT_EQ(round, watcher->eventCount()) << deed;
-      ASSERT_EQ(4u, man->counterKeyToMemBlock(key(3))) << deed;
-    }
-  });
-}
-
-TEST_F(HammerTest, aFileSystemThatIsFullAnywhereIsAnErrorAndNoSignal) {
+TEST(HammerTest, aFileSystemThatIsFullAnywhereIsAnErrorAndNoSignal) {
   inOwnVar([] {
     constexpr U32 kPages = 4;  // of the counter file; the log takes one, and so does its successor
     fs::create_directory("/var/shmem");
     for (U32 pages = 1; pages <= kPages + 3; ++pages) {
-      SCOPED_TRACE(pages);
       std::string const options = "size=" + std::to_string(4 * pages) + "k";
       ASSERT_EQ(0, ::mount("none", "/var/shmem", "tmpfs", 0, options.c_str()));
       auto const man = restarted(kPages * 4096 / kBlockSize);
-      auto const errorOf = [](std::function<void()> const& work) {
-        try {
-          work();
-          return 0;
-        } catch (Kiv::ErrnoException const& failure) {
-          return failure.errnum();
-        }
-      };
-      EXPECT_EQ(pages < kPages ? ENOSPC : 0,
-                errorOf([&] { man->counterAddr(key(0), kBlockSize, false); }));
-      if (pages >= kPages) {
+      U32 done = 0;
+      try {
+        man->counterAddr(key(0), kBlockSize, false);
         std::memset(pointer(man->mmapStartAddr()), 1, kPages * 4096);
-        auto const save = [&] { Kiv::AttributeLog::save(*man, kLog); };
-        EXPECT_EQ(pages < kPages + 1 ? ENOSPC : 0, errorOf(save));
-        EXPECT_EQ(pages < kPages + 2 ? ENOSPC : 0, errorOf(save));
-        EXPECT_EQ(man->counterKeyToMemBlock(), restarted()->counterKeyToMemBlock());
+        for (done = 1; done < 3; ++done) Kiv::AttributeLog::save(*man, kLog);
+      } catch (Kiv::ErrnoException const& failure) {
+        EXPECT_EQ(ENOSPC, failure.errnum()) << pages;
       }
+      EXPECT_EQ(std::clamp(pages, kPages - 1, kPages + 2) - (kPages - 1), done);
+      EXPECT_EQ(man->counterKeyToMemBlock(), restarted()->counterKeyToMemBlock());
       ASSERT_EQ(0, ::umount2("/var/shmem", MNT_DETACH));
     }
-  });
-}
-
-TEST_F(HammerTest, aFileThatWasCutIsWholeAgainForAllWhoMapIt) {
-  inOwnVar([] {
-    auto const man = restarted();
-    BlockCounter counter(man->counterAddr(key(7), kBlockSize, false));
-    counter.valueIs(5);
-    ASSERT_EQ(0, ::truncate(kFile.c_str(), 0));
-    BlockCounter again(restarted()->counterAddr(key(7), kBlockSize, false));
-    EXPECT_EQ(0u, counter.value());
-    counter.inc(3);
-    EXPECT_EQ(3u, again.value());
   });
 }
 
