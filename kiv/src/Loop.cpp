@@ -67,11 +67,13 @@ void Loop::_jumpUnlessReady(double deadline) {
   if (!ready && clock_.read() < deadline) clock_.jump(deadline);
 }
 
-/// For passes that have work: one compare for each reason to look. The rate not known, a counter
-/// that has not moved and one that has gone back all count as much time gone by.
+/// For passes that have work: one compare for each reason to look. Counts the next pass in, taken to
+/// be as long as this one. The rate not known, a counter that has not moved and one that has gone
+/// back all count as much time gone by.
 inline bool Loop::_lookIsDue() {
-  U32 const elapsed = static_cast<U32>(TimeStampCounter::now()) - lookedAt_;
-  return elapsed - 1 >= ticksPerLook_ - 1 || --passesLeft_ == 0;
+  U32 const now = static_cast<U32>(TimeStampCounter::now());
+  U32 const pass = now - std::exchange(passedAt_, now);
+  return now - lookedAt_ + pass - 1 >= ticksPerLook_ - 1 || --passesLeft_ == 0;
 }
 
 void Loop::_look() {
@@ -93,7 +95,7 @@ void Loop::_looked() {
     if (ticks > 1) ticksPerLook_ = static_cast<U32>(ticks);
   }
   passesLeft_ = kPassesPerLook;
-  lookedAt_ = static_cast<U32>(TimeStampCounter::now());
+  lookedAt_ = passedAt_ = static_cast<U32>(TimeStampCounter::now());
 }
 
 inline void Loop::_call(Clock::Notifiee& timer) {
@@ -129,8 +131,9 @@ inline bool Loop::_pass() {
   _callBatch();
   cut_ = stop_;
   // After the batch, so that what the kernel says is still true when descriptors are served: one
-  // that a task has just read is not found ready once more for nothing.
-  if (!stop_ && !idle && (resumed || _lookIsDue())) _look();
+  // that a task has just read is not found ready once more for nothing. With nothing due the next
+  // pass asks, and waits.
+  if (!stop_ && !idle && (resumed || (_lookIsDue() && !_nothingDue()))) _look();
   if (poller_.ready()) {
     calls_ += poller_.readyCount();
     poller_.serve(reaction_, stop_);
