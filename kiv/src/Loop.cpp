@@ -67,9 +67,9 @@ void Loop::_jumpUnlessReady(double deadline) {
   if (!ready && clock_.read() < deadline) clock_.jump(deadline);
 }
 
-/// For passes that have work: one compare for each reason to look. Counts the next pass in, taken to
-/// be as long as this one. The rate not known, a counter that has not moved and one that has gone
-/// back all count as much time gone by.
+/// For passes that have work: one compare for each reason to look. Counts the next pass in, taken
+/// to be as long as this one. The rate not known, a counter that has not moved and one that has
+/// gone back all count as much time gone by.
 inline bool Loop::_lookIsDue() {
   U32 const now = static_cast<U32>(TimeStampCounter::now());
   U32 const pass = now - std::exchange(passedAt_, now);

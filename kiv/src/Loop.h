@@ -78,7 +78,7 @@ class Loop final {
 
   // The low half of the counter is enough for microseconds and half the price on 32 bits.
   U32 lookedAt_ = 0;
-  U32 passedAt_ = 0;  // the latest pass with work, or the latest look
+  U32 passedAt_ = 0;      // the latest pass with work, or the latest look
   U32 ticksPerLook_ = 1;  // 1 while the counter's rate is not known: look in every pass
   U32 passesLeft_ = 0;
 };
