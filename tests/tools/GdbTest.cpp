@@ -8,7 +8,6 @@ namespace Veltro {
 namespace {
 
 using testing::ContainsRegex;
-using testing::HasSubstr;
 
 // What the script says between the two marks, of the same moment: of the process as its task
 // aborts it, and of the core made of it then.
@@ -19,17 +18,14 @@ TEST(GdbTest, looksIntoAProcessAndIntoACore) {
                            "' -ex 'echo BEGIN\\n' -ex 'veltro schedulers' -ex 'veltro tasks'"
                            " -ex 'veltro queues' -ex 'veltro history 6' -ex 'echo END\\n'";
   std::string const gdb = "gdb --batch -nx -iex 'set debuginfod enabled off' ";
-  auto const said = [](Outcome const& outcome) {
-    std::size_t const begin = outcome.text.find("BEGIN\n");
-    std::size_t const end = outcome.text.find("END\n");
-    if (begin == std::string::npos || end == std::string::npos) return outcome.text;
-    return outcome.text.substr(begin, end - begin);
+  auto const said = [](std::string const& command) {
+    std::string const text = shell(command + " 2>&1").text;
+    std::size_t const begin = text.find("BEGIN\n"), end = text.find("END\n");
+    return end == std::string::npos ? text : text.substr(begin, end - begin);
   };
-  std::string const live =
-      said(shell(gdb + "-ex 'run aborting </dev/null' " + look + " -ex 'generate-core-file " +
-                 core + "' -ex kill " VELTRO_AGENT " 2>&1"));
-  std::string const dead = said(shell(gdb + VELTRO_AGENT " " + core + look + " 2>&1"));
-  EXPECT_EQ(live, dead);
+  std::string const live = said(gdb + "-ex 'run aborting </dev/null' " + look +
+                                " -ex 'generate-core-file " + core + "' -ex kill " VELTRO_AGENT);
+  EXPECT_EQ(live, said(gdb + VELTRO_AGENT " " + core + look));
   for (char const* text : {
            "root   thread:[0-9]+ .thread agent.: runs stuck, 5 tasks",
            "group  inner .thread agent.: runs -, 1 tasks",

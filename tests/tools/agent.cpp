@@ -4,7 +4,6 @@
 
 #include <atomic>
 #include <cstdlib>
-#include <functional>
 #include <memory>
 #include <thread>
 
@@ -17,63 +16,38 @@ namespace {
 using Veltro::TaskPriority;
 using Scheduler = std::shared_ptr<Veltro::TaskScheduler>;
 
+std::atomic<bool> over{false};
+
 /// Queues itself again in each of its runs.
 struct Poller final : Veltro::Task {
   Poller(Scheduler const& scheduler, char const* name) : Task(scheduler, TaskPriority::low, name) {}
   void taskExecute() override {
     ::usleep(100);
     taskWorkCountInc(1);
-    if (!stopped) scheduleTask();
+    if (!over) scheduleTask();
   }
-  bool stopped = false;
 };
 
 struct Ticker final : Veltro::TimerTask {
   explicit Ticker(Scheduler const& scheduler)
       : TimerTask(scheduler, TaskPriority::high, "ticker") {}
-  void taskExecute() override { scheduleTaskDelay(std::chrono::milliseconds(5)); }
+  void taskExecute() override {
+    if (!over) scheduleTaskDelay(std::chrono::milliseconds(5));
+  }
 };
 
 /// Leaves what it is told of unread, until the end of the input.
 struct Input final : Veltro::FileDescriptorTask {
-  Input(Scheduler const& scheduler, std::function<void()> onEnd)
-      : FileDescriptorTask(scheduler, TaskPriority::normal, "input"), end(std::move(onEnd)) {}
+  explicit Input(Scheduler const& scheduler)
+      : FileDescriptorTask(scheduler, TaskPriority::normal, "input") {}
   void taskExecuteReadable() override {
     char byte;
     if (::read(STDIN_FILENO, &byte, 1) > 0) return;
     taskWatchFdDel();
-    end();
+    over = true;
   }
   void taskExecuteWritable() override {}
-  std::function<void()> end;
 };
-
-/// Runs for as long as it is told to.
-struct Until final : Veltro::Task {
-  Until(Scheduler const& scheduler, std::function<bool()> again)
-      : Task(scheduler, TaskPriority::low, "until"), again_(std::move(again)) {}
-  void taskExecute() override {
-    if (again_()) scheduleTask();
-  }
-  std::function<bool()> const again_;
-};
-
-std::atomic<bool> over{false};
-
-/// A thread with a loop of its own, which ends when nothing is left to run.
-void work() {
-  {
-    auto const poller = std::make_shared<Poller>(Veltro::schedulerRootVeltro(), "worker");
-    poller->scheduleTask();
-    auto const done = std::make_shared<Until>(poller->taskScheduler(), [&] {
-      if (over) poller->stopped = true;
-      return !over;
-    });
-    done->scheduleTask();
-    Veltro::Platform::doEventLoop();
-  }
-  Veltro::leFree();
-}
 
 /// Does not return before its input ends, which it waits for, or asks for again and again; or ends
 /// the process.
@@ -89,6 +63,16 @@ struct Stuck final : Veltro::Task {
   std::string const mode_;
 };
 
+/// A thread with a loop of its own, which ends when nothing is left to run.
+void work() {
+  {
+    auto const poller = std::make_shared<Poller>(Veltro::schedulerRootVeltro(), "worker");
+    poller->scheduleTask();
+    Veltro::Platform::doEventLoop();
+  }
+  Veltro::leFree();
+}
+
 }  // namespace
 
 // "agent"; or "agent computing", "agent waiting", "agent aborting", with a task that does so.
@@ -100,10 +84,7 @@ int main(int argc, char* argv[]) {
   auto const poller = std::make_shared<Poller>(root, "poller");
   auto const member = std::make_shared<Poller>(group, "member");
   auto const ticker = std::make_shared<Ticker>(root);
-  auto const input = std::make_shared<Input>(root, [&] {
-    poller->stopped = member->stopped = true;
-    ticker->stopTimerTask();
-  });
+  auto const input = std::make_shared<Input>(root);
   auto const stuck = std::make_shared<Stuck>(root, argv[argc - 1]);
   if (argc > 1) stuck->scheduleTask();
   poller->scheduleTask();
@@ -113,7 +94,6 @@ int main(int argc, char* argv[]) {
   if (argc == 1 || std::string(argv[1]) != "aborting") input->taskWatchFdIs(STDIN_FILENO);
   input->taskWatchReadableIs(true);
   Veltro::Platform::doEventLoop();  // ends by itself, watched or not
-  over = true;
   worker.join();
   return 7;
 }
