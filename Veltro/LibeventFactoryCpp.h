@@ -16,7 +16,8 @@ namespace Veltro {
 // Everything belongs to the calling thread. In a forked child the inherited base is made the
 // child's own before its first use (event_reinit), so that the parent's events are left alone.
 
-/// Makes the calling thread's base unless it has one. No base to be had: MemoryResourceException.
+/// Makes the calling thread's base unless it has one. No memory for it: MemoryResourceException; no
+/// descriptors: AssertException, for libevent calls that a fatal error.
 VELTRO_API void leInit();
 /// Takes `base` as the calling thread's. The same again is harmless; a second one raises an
 /// assertion. leFree() frees it, whoever made it.
@@ -38,7 +39,7 @@ VELTRO_API std::shared_ptr<Platform::CallbackControl> getLeCallbackControl(
 /// run. An exception that a handler lets pass leaves it; what was due and not yet called is
 /// called by the next run.
 VELTRO_API int doLeEventLoop();
-/// The same for `seconds` at most.
+/// The same for `seconds` at most; without memory for the end of it MemoryResourceException.
 VELTRO_API int doLeEventLoop(double seconds);
 
 /// Crude virtual time: the next loop run of the main thread finds all its timers due, in the
@@ -120,10 +121,10 @@ class VELTRO_API LibeventFdControl : public Platform::FdControl {
   Platform::FdEventHandler* const handler_;
   int fd_ = -1;
   bool reads_ = true;
-  bool background_ = false;
   bool writes_ = false;
   event readEvent_;
   event writeEvent_;
+  bool background_ = false;
   U64 baseSerial_ = 0;
   bool* gone_ = nullptr;
 };

@@ -133,11 +133,11 @@ class VELTRO_API TaskSchedulerRoot : public TaskScheduler {
   char ownerThreadName_[16];
   bool threadSanityDisabled_ = false;
   bool suspended_ = false;
-  std::shared_ptr<std::atomic<U32>> turnMark_;
-  TaskSchedulerRoot* nextRoot_ = nullptr;  // for debuggers
   std::random_device randomDevice_;
   std::mt19937 randomEngine_;
   std::uniform_int_distribution<unsigned> jitterDistribution_{0, 100};
+  TaskSchedulerRoot* nextRoot_ = nullptr;  // for debuggers
+  std::shared_ptr<std::atomic<U32>> turnMark_;
 };
 
 /// The calling thread's root, bound to its event loop (Veltro/Platform.h); made at the first call,

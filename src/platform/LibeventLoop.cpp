@@ -44,7 +44,8 @@ double longestDelay(double seconds) {
 
 void handleBaseLoopExit(evutil_socket_t, short, void* argument) {
   auto& thread = *static_cast<LibeventThread*>(argument);
-  event_base_loopexit(thread.base, nullptr);
+  // Without memory for an exit at the end of the pass: at once, rather than never.
+  if (event_base_loopexit(thread.base, nullptr) != 0) event_base_loopbreak(thread.base);
   event_del(&thread.exitEvent);
   thread.exitArmed = false;
 }
@@ -57,7 +58,9 @@ void disarmExit(LibeventThread& thread) {
 void armExit(LibeventThread& thread, double seconds) {
   timeval const delay = toDelay(seconds);
   event_assign(&thread.exitEvent, thread.ensureBase(), -1, 0, &handleBaseLoopExit, &thread);
-  event_add(&thread.exitEvent, &delay);
+  if (event_add(&thread.exitEvent, &delay) != 0) {
+    MemoryResourceException::throwException("libevent takes no end of the run");
+  }
   thread.exitArmed = true;
 }
 

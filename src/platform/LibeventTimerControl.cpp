@@ -130,7 +130,8 @@ void LibeventTimerControl::handleTimeout(evutil_socket_t, short, void* control) 
 }
 
 void LibeventTimerControl::handler(LibeventThread const& thread) {
-  if (beyond_ > 0 && !leFastForward()) return setTimeout(beyond_);  // not due yet by far
+  bool const forwarded = thread.isMain && leFastForward();
+  if (beyond_ > 0 && !forwarded) return setTimeout(beyond_);  // not due yet by far
   fastForwardGone(thread, timerEvent_);
   HandlerCall const call(gone_);
   catching([this] { handler_->timeout(); },

@@ -71,7 +71,11 @@ std::vector<Operation<Backend>> operations() {
          b.fd->setWrites(false);
        }},
       {"drop the descriptor", [](B& b) { b.fd->delFd(); }},
-      {"run", [](B&) { B::run(); }},
+      {"run beside a watch",
+       [](B& b) {
+         b.fd->setFd(b.pair.ends[0]);
+         B::run();
+       }},
       {"make a root", [](B&) { schedulerRootVeltroNonShared("another"); }},
       {"make and end a task", [](B& b) { b.job("a task with a name that is long"); }},
       {"make a group with a task",

@@ -117,7 +117,8 @@ class KIV_API TraceFacilityManager final {
 ///
 /// A record is one write(2), so threads and processes never mix lines; on a pipe the kernel
 /// promises that up to PIPE_BUF (4096) bytes, and splits longer ones only when the pipe is full.
-/// Takes no lock. A null file, function or text counts as empty. errno is kept; a record that
+/// Takes no lock of its own (the C library does, for memory and the time zone: not for signal
+/// handlers). A null file, function or text counts as empty. errno is kept; a record that
 /// standard error does not take is dropped.
 KIV_API void traceHelper(TraceHandle const& handle, unsigned level, int flag, char const* file,
                          int line, char const* function, char const* text);
