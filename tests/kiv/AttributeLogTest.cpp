@@ -52,17 +52,13 @@ TEST(AttributeLogTest, keepsWhatTheTableSaysAndRestoresIt) {
   EXPECT_THAT(empty, HasSubstr("\nroom = None\nmark = None\nend "));
   AttributeLog::restore(other, empty);
   EXPECT_TRUE(other->room.all().empty());
-}
 
-// As after an upgrade that added attributes, or from a text editor.
-TEST(AttributeLogTest, membersThatTheLogDoesNotNameStay) {
-  Ptr<Lamp> const lamp = filledLamp();
-  AttributeLog::restore(lamp, "Test::Lamp attribute log 1\non=False\nroom [ 'c' ] = 3\nend\n");
-  EXPECT_FALSE(lamp->on());
-  EXPECT_EQ(7u, lamp->level());
-  EXPECT_EQ(1u, lamp->room.all().size());
-  EXPECT_EQ(3u, lamp->room("c"));
-  EXPECT_TRUE(lamp->mark.has(-3));
+  // As after an upgrade that added attributes, or from a text editor: what it does not name stays.
+  AttributeLog::restore(other, log);
+  AttributeLog::restore(other, "Test::Lamp attribute log 1\non=False\nroom [ 'c' ] = 3\nend\n");
+  EXPECT_FALSE(other->on());
+  EXPECT_EQ(7u, other->level());
+  EXPECT_THAT(other->room.all(), ElementsAre(testing::Pair("c", 3u)));
 }
 
 // Notifiees find all of it in place; only what changed is told.
@@ -95,33 +91,20 @@ TEST(AttributeLogTest, damagedLogsAreRefusedWhole) {
     std::string log;
     char const* why;
   } const cases[] = {
-      {"empty", "", "line 1: the log is cut short"},
-      {"of another form", "Test::Lamp attribute log 2\nend\n", "line 1: not"},
       {"more behind the end", good + "\n", "line 9: something follows"},
       {"a checksum that is not one", lines + "end 12\n", "line 9: the lines before it"},
-      {"unknown attribute", with("x = 1"), "line 9: Test::Lamp has no attribute \"x\""},
       {"attribute that is not kept", with("peer = None"), "line 9: \"peer\" is not kept"},
-      {"attribute twice", with("level = 7"), "line 9: \"level\" comes twice"},
       {"key twice", with("room['b'] = 2"), "line 9: key 'b' comes twice"},
       {"entry after None", "Test::Lamp attribute log 1\nroom = None\nroom['b'] = 1\nend\n",
        "line 3: \"room\" comes twice"},
-      {"None after an entry", with("room = None"), "line 9: \"room\" comes twice"},
       {"a table for a collection", with("room = {'a': 1}"), "line 9: a key is missing"},
-      {"ill-typed value", with("room['z'] = -2"), "line 9: -2 is not a U32"},
-      {"ill-typed key", with("mark['z'] = 1"), "line 9: 'z' is not a S32"},
-      {"no value", with("room['z']"), "\"=\" is missing"},
-      {"more behind a value", with("room['z'] = 2 3"), "something follows the value"},
   };
   for (auto const& c : cases) {
     SCOPED_TRACE(c.name);
     Ptr<Lamp> const lamp = allocate<Lamp>("untouched");
     std::string const before = AttributeLog::text(*lamp);
-    try {
-      AttributeLog::restore(lamp, c.log);
-      ADD_FAILURE() << "accepted";
-    } catch (RangeException const& fault) {
-      EXPECT_THAT(fault.what(), HasSubstr(c.why));
-    }
+    EXPECT_THAT([&] { AttributeLog::restore(lamp, c.log); },
+                testing::ThrowsMessage<RangeException>(HasSubstr(c.why)));
     EXPECT_EQ(before, AttributeLog::text(*lamp));
   }
   // Any byte changed or lost.
@@ -133,38 +116,26 @@ TEST(AttributeLogTest, damagedLogsAreRefusedWhole) {
   }
 }
 
-TEST(AttributeLogFileTest, savedAndLoaded) {
+// The old log stays whatever happens to the new one.
+TEST(AttributeLogFileTest, isReplacedWholeOrNotAtAll) {
   Veltro::TempDir const temp;
   std::string const path = temp.path("lamp.log");
   Ptr<Lamp> const lamp = filledLamp(), other = allocate<Lamp>("x");
   EXPECT_THROW(AttributeLog::load(other, path), ErrnoException);
   AttributeLog::save(*lamp, path);
   for (U32 i = 0; i < 5000; ++i) lamp->room.is("key " + std::to_string(i), i);
-  AttributeLog::save(*lamp, path);
-  AttributeLog::load(other, path);
-  EXPECT_EQ(AttributeLog::text(*lamp), AttributeLog::text(*other));
-  EXPECT_EQ(1, std::distance(std::filesystem::directory_iterator(temp.path()), {}));
-}
-
-// The old log stays whatever happens to the new one.
-TEST(AttributeLogFileTest, failuresLeaveTheOldLog) {
-  Veltro::TempDir const temp;
-  std::string const path = temp.path("lamp.log");
-  Ptr<Lamp> const lamp = filledLamp();
-  AttributeLog::save(*lamp, path);
-  std::string const old = AttributeLog::text(*lamp);
-  lamp->level.is(1);
   std::string const beside = path + "." + std::to_string(::getpid()) + ".new";
   std::filesystem::create_directory(beside);  // cannot be opened for writing
   EXPECT_THROW(AttributeLog::save(*lamp, path), ErrnoException);
-  EXPECT_THROW(AttributeLog::save(*lamp, temp.path("missing/lamp.log")), ErrnoException);
-  AttributeLog::load(lamp, path);
-  EXPECT_EQ(old, AttributeLog::text(*lamp));
+  AttributeLog::load(other, path);
+  EXPECT_EQ(AttributeLog::text(*filledLamp()), AttributeLog::text(*other));
 
   std::filesystem::remove(beside);
   std::filesystem::create_symlink(temp.path("planted"), beside);
   AttributeLog::save(*lamp, path);  // replaces the link, does not follow it
-  EXPECT_FALSE(std::filesystem::exists(temp.path("planted")));
+  AttributeLog::load(other, path);
+  EXPECT_EQ(AttributeLog::text(*lamp), AttributeLog::text(*other));
+  EXPECT_EQ(1, std::distance(std::filesystem::directory_iterator(temp.path()), {}));
 }
 
 }  // namespace

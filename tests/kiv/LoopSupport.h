@@ -20,27 +20,20 @@ inline int runFor(double seconds) {
   return System::doRun();
 }
 
-/// A notifiee that does what the test says, and answers for exceptions or not.
+/// A notifiee that does what the test says.
 struct Timer final : Clock::Notifiee {
   explicit Timer(std::function<void()> action = {})
       : Notifiee(config().clock()), onTime_(std::move(action)) {}
-  ~Timer() override {
-    if (onGone) onGone();
-  }
   void onTime() override {
     ++calls;
-    seen = timeMin();
-    if (clock().latestTime() < seen && seen <= std::numeric_limits<double>::max()) ++early;
     if (onTime_) onTime_();
   }
   void onNotificationException() override {
     if (onException) return onException();
     Notifiee::onNotificationException();
   }
-  std::function<void()> onTime_, onException, onGone;
+  std::function<void()> onTime_, onException;
   int calls = 0;
-  int early = 0;
-  double seen = 0;
 };
 
 /// An entity and its notifiee, one after the other's life.
@@ -50,13 +43,9 @@ struct Watch final : FileDescriptor::Notifiee {
     notifier().descriptorIs(descriptor);
     notifier().notifyOnReadableIs(onReadable != nullptr);
   }
-  ~Watch() override {
-    notifier().descriptorIs(-1);
-    if (onGone) onGone();
-  }
+  ~Watch() override { notifier().descriptorIs(-1); }
   void onReadableCount() override { onReadable(); }
-  void onWritableCount() override { onWritable(); }
-  std::function<void()> onReadable, onWritable, onGone;
+  std::function<void()> onReadable;
 };
 
 /// Two connected ends; whatever is still open closes with it.

@@ -22,13 +22,10 @@ TEST(TimeStampCounterTest, learnsItsRateFromUseInAnyThread) {
   }
   for (auto& thread : threads) thread.join();
   U64 const second = TimeStampCounter::ticks(1s);
-  auto const time = std::chrono::steady_clock::now() - start;
-  double const seconds = std::chrono::duration<double>(time).count();
-  double const expected = static_cast<double>(TimeStampCounter::now() - counter) / seconds;
+  std::chrono::duration<double> const time = std::chrono::steady_clock::now() - start;
+  double const expected = static_cast<double>(TimeStampCounter::now() - counter) / time.count();
   EXPECT_NEAR(1, static_cast<double>(second) / expected, 0.1);
-
-  double const hour = static_cast<double>(TimeStampCounter::ticks(1h));
-  EXPECT_NEAR(3600, hour / static_cast<double>(second), 1e-5) << "once known it stays";
+  EXPECT_EQ(second, TimeStampCounter::ticks(1s)) << "once known it stays";
   EXPECT_EQ(0u, TimeStampCounter::ticks(-1h));
   EXPECT_LT(second, TimeStampCounter::ticks(std::chrono::nanoseconds::max()));
 }

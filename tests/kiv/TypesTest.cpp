@@ -1,15 +1,13 @@
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cerrno>
-#include <set>
-#include <sstream>
 #include <thread>
 #include <vector>
 
 #include "Kiv/Exception.h"
 #include "Kiv/Name.h"
 #include "Kiv/Ptr.h"
-#include "tests/support/Child.h"
 
 namespace Kiv {
 namespace {
@@ -24,46 +22,25 @@ TEST(NameTest, equalTextsAreOneNameOverThreads) {
     });
   }
   for (std::thread& thread : threads) thread.join();
-  std::set<std::string const*> texts;
-  for (auto const& own : names) {
-    EXPECT_EQ(names[0], own);
-    for (Name const name : own) texts.insert(&name.stdString());
-  }
-  EXPECT_EQ(500u, texts.size());
+  for (auto const& own : names) EXPECT_EQ(names[0], own);
+  EXPECT_EQ("name499", names[0].back().stdString());
   EXPECT_EQ(Name(), Name(static_cast<char const*>(nullptr)));
-  EXPECT_EQ(Name(""), Name(std::string()));
   EXPECT_NE(Name("a\0b"s), Name("a"));
-  EXPECT_LT(Name("a"), Name("b"));
+  EXPECT_EQ("a\0b"s, testing::PrintToString(String("a\0b"s)));
 }
 
-TEST(StringTest, isAValueOfBytes) {
-  String copy = "a\0b"s;
-  EXPECT_EQ(3u, copy.bytes());
-  copy += "c";
-  EXPECT_LT(String("a\0b"s), copy);
-  EXPECT_TRUE(String(static_cast<char const*>(nullptr)).empty());
-  std::ostringstream printed;
-  printed << copy;
-  EXPECT_EQ("a\0bc"s, printed.str());
-}
-
-struct Counted : PtrInterface {
+struct Counted final : PtrInterface {
   explicit Counted(int* alive) : alive_(alive) { ++*alive_; }
   ~Counted() override { --*alive_; }
   int* alive_;
 };
-struct Derived final : Counted {
-  using Counted::Counted;
-};
 
 TEST(PtrTest, lastReferenceOfAnyThreadDestroys) {
   int alive = 0;
-  Ptr<Counted> first = allocate<Derived>(&alive);
+  Ptr<Counted> first = allocate<Counted>(&alive);
   Ptr<Counted> second = first;
-  EXPECT_EQ(2u, first->references());
   first = first.ptr();  // to itself, through the bare pointer
   first = std::move(second);
-  EXPECT_FALSE(second);
   std::vector<std::thread> threads;
   for (int t = 0; t < 4; ++t) {
     threads.emplace_back([first] {
@@ -71,49 +48,22 @@ TEST(PtrTest, lastReferenceOfAnyThreadDestroys) {
     });
   }
   for (std::thread& thread : threads) thread.join();
-  threads.clear();
   EXPECT_EQ(1u, first->references());
   first = nullptr;
   EXPECT_EQ(0, alive);
 }
 
-struct Huge : PtrInterface {
-  char bytes[1u << 30];
-};
-struct Refusing : PtrInterface {
-  Refusing() { throw ErrnoException("refused", EPERM); }
-};
-
-TEST(PtrTest, allocationFailures) {
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-  GTEST_SKIP() << "the sanitizers' own mappings need the address space";
-#endif
-  Veltro::inChild([] {
-    Veltro::limitIs(RLIMIT_AS, 512u << 20);
-    try {
-      allocate<Huge>();
-      ADD_FAILURE() << "a gigabyte was found";
-    } catch (RangeException const& fault) {
-      EXPECT_STREQ("null ValidPtr", fault.what());
-    }
-    EXPECT_THROW(allocate<Refusing>(), ErrnoException);
-  });
+TEST(PtrTest, allocationsThatFailThrow) {
+  struct Huge final : PtrInterface {
+    static void* operator new(std::size_t, std::nothrow_t const&) noexcept { return nullptr; }
+    static void operator delete(void*) {}
+  };
+  EXPECT_THAT([] { allocate<Huge>(); }, testing::ThrowsMessage<RangeException>("null ValidPtr"));
 }
 
 TEST(ExceptionTest, errnoTexts) {
-  struct {
-    int number;
-    char const* what;
-  } const cases[] = {
-      {ENOENT, "open: No such file or directory (2)"},
-      {0, "open: Success (0)"},
-      {-1, "open: Unknown error (-1)"},
-  };
-  for (auto const& c : cases) {
-    ErrnoException const fault("open", c.number);
-    EXPECT_STREQ(c.what, fault.what());
-    EXPECT_EQ(c.number, fault.errnum());
-  }
+  EXPECT_STREQ("open: No such file or directory (2)", ErrnoException("open", ENOENT).what());
+  EXPECT_STREQ("open: Unknown error (-1)", ErrnoException("open", -1).what());
 }
 
 }  // namespace
