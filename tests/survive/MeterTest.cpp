@@ -19,36 +19,28 @@ TYPED_TEST(MeterTest, whatNobodyWantsCostsNothing) {
   using S = Scene<TypeParam>;
   struct {
     char const* name;
-    void (*prepare)(S&, typename S::Watch&);
+    void (*leave)(Platform::FdControl&);
+    bool hungUp;  // else there is unread data
   } const cases[] = {
-      {"unread data, reads off",
-       [](S& s, auto& watch) {
-         s.pairs[0].put();
-         watch.control->setReads(false);
-       }},
-      {"a peer that hung up, both off",
-       [](S& s, auto& watch) {
-         s.pairs[0].close(1);
-         watch.control->setReads(false);
-         watch.control->setWrites(true);
-         watch.control->setWrites(false);
-       }},
-      {"unread data, events cleared",
-       [](S& s, auto& watch) {
-         s.pairs[0].put();
-         watch.control->clearEvents();
-       }},
-      {"unread data, taken off",
-       [](S& s, auto& watch) {
-         s.pairs[0].put();
-         watch.off();
-       }},
+      {"reads off", [](auto& control) { control.setReads(false); }, false},
+      {"both off",
+       [](auto& control) {
+         control.setReads(false);
+         control.setWrites(true);
+         control.setWrites(false);
+       },
+       true},
+      {"events cleared", [](auto& control) { control.clearEvents(); }, false},
+      {"taken off", [](auto& control) { control.delFd(); }, false},
   };
   TypeParam::run([&] {
     for (auto const& c : cases) {
       SCOPED_TRACE(c.name);
       S s;
-      c.prepare(s, s.watch(s.pairs[0].ends[0], 'a'));
+      auto& watch = s.watch(s.pairs[0].ends[0], 'a');
+      s.pairs[0].put();
+      if (c.hungUp) s.pairs[0].close(1);
+      c.leave(*watch.control);
       Platform::doEventLoop(100);
       EXPECT_EQ("", s.log);
       EXPECT_GT(kFewWaits, s.outside.calls[Outside::epollWait]);
@@ -57,8 +49,7 @@ TYPED_TEST(MeterTest, whatNobodyWantsCostsNothing) {
 }
 
 // A task that may not run does not keep the loop awake, and misses nothing.
-template <typename Backend>
-void suspendedTask(std::function<void(FileDescriptorTask&, bool)> const& suspendedIs) {
+TYPED_TEST(MeterTest, aSuspendedRootOrTaskWithAReadyDescriptor) {
   struct Pipe final : FileDescriptorTask {
     using FileDescriptorTask::FileDescriptorTask;
     void taskExecuteReadable() override { bytes += SocketPair::take(taskWatchFd()); }
@@ -66,41 +57,44 @@ void suspendedTask(std::function<void(FileDescriptorTask&, bool)> const& suspend
     std::size_t bytes = 0;
     unsigned writes = 0;
   };
-  Backend::run([&] {
-    Outside outside;
-    SocketPair pair;
-    auto const root = schedulerRootVeltro();
-    auto const pipe = std::make_shared<Pipe>(root, TaskPriority::normal, "pipe");
-    pipe->taskWatchReadableIs(true);
-    pipe->taskWatchWritableIs(true);
-    pipe->taskWatchFdIs(pair.ends[0]);
-    for (std::size_t round = 1; round < 4; ++round) {
-      suspendedIs(*pipe, true);
-      pair.put();
-      unsigned const writes = pipe->writes;
-      std::size_t const events = root->schedulerHistory()->eventCount();
-      outside.calls = {};
-      Platform::doEventLoop(100);
-      EXPECT_EQ(round - 1, pipe->bytes);
-      EXPECT_EQ(writes, pipe->writes);
-      EXPECT_GT(kFewWaits, outside.calls[Outside::epollWait]);
-      EXPECT_GT(events + 30, root->schedulerHistory()->eventCount());
-      suspendedIs(*pipe, false);
-      for (int run = 0; run < 3; ++run) Platform::doEventLoop(0);
-      EXPECT_EQ(round, pipe->bytes);
-      pair.put();
-      for (int run = 0; run < 3; ++run) Platform::doEventLoop(0);
-      EXPECT_EQ(round + 1, pipe->bytes) << "watched as before";
-      EXPECT_LT(writes + 2, pipe->writes);
-      pipe->bytes = round;
+  TypeParam::run([] {
+    for (bool const wholeRoot : {true, false}) {
+      SCOPED_TRACE(wholeRoot);
+      Outside outside;
+      SocketPair pair;
+      auto const root = schedulerRootVeltro();
+      auto const pipe = std::make_shared<Pipe>(root, TaskPriority::normal, "pipe");
+      auto const suspendedIs = [&](bool on) {
+        wholeRoot ? root->suspendedIs(on) : pipe->taskSuspendedForTestIs(on);
+      };
+      auto const runs = [] {
+        for (int run = 0; run < 3; ++run) Platform::doEventLoop(0);
+      };
+      pipe->taskWatchReadableIs(true);
+      pipe->taskWatchWritableIs(true);
+      pipe->taskWatchFdIs(pair.ends[0]);
+      for (int round = 0; round < 3; ++round) {
+        suspendedIs(true);
+        pair.put();
+        pipe->bytes = 0;
+        unsigned const writes = pipe->writes;
+        std::size_t const events = root->schedulerHistory()->eventCount();
+        outside.calls = {};
+        Platform::doEventLoop(100);
+        EXPECT_EQ(0u, pipe->bytes);
+        EXPECT_EQ(writes, pipe->writes);
+        EXPECT_GT(kFewWaits, outside.calls[Outside::epollWait]);
+        EXPECT_GT(events + 30, root->schedulerHistory()->eventCount());
+        suspendedIs(false);
+        runs();
+        EXPECT_EQ(1u, pipe->bytes);
+        pair.put();
+        runs();
+        EXPECT_EQ(2u, pipe->bytes) << "watched as before";
+        EXPECT_LT(writes + 2, pipe->writes);
+      }
     }
   });
-}
-TYPED_TEST(MeterTest, aSuspendedRootWithAReadyDescriptor) {
-  suspendedTask<TypeParam>([](auto&, bool on) { schedulerRootVeltro()->suspendedIs(on); });
-}
-TYPED_TEST(MeterTest, aSuspendedTaskWithAReadyDescriptor) {
-  suspendedTask<TypeParam>([](auto& task, bool on) { task.taskSuspendedForTestIs(on); });
 }
 
 TYPED_TEST(MeterTest, manyTimersDueAtOneInstant) {
@@ -123,19 +117,17 @@ TYPED_TEST(MeterTest, manyTimersDueAtOneInstant) {
 TYPED_TEST(MeterTest, endlessWorkLeavesRoomForTheRest) {
   constexpr unsigned kMost = 256 + 2;  // passes from one look at the outside to the next
   TypeParam::run([&] {
-    using S = Scene<TypeParam>;
-    S s;
+    Scene<TypeParam> s;
     unsigned calls = 0, untilRead = 0, atTimer = 0;
     auto &a = s.timer('a'), &b = s.timer('b');
-    auto& watch = s.watch(s.pairs[0].ends[0], 'w');
-    auto const done = [&] { return untilRead != 0 && atTimer != 0; };
-    auto const work = [&](typename S::Timer& next) {
+    auto const work = [&](auto& next) {
       ++calls;
       s.outside.nowNs += 10000;
-      if (!done() && calls < 20000) next.in(0);
+      if ((untilRead == 0 || atTimer == 0) && calls < 20000) next.in(0);
     };
     a.handler.onTimeout = [&] { work(b); };
     b.handler.onTimeout = [&] { work(a); };
+    auto& watch = s.watch(s.pairs[0].ends[0], 'w');
     watch.handler.onRead = [&](int) {
       untilRead = calls + 1;
       watch.off();
@@ -144,7 +136,7 @@ TYPED_TEST(MeterTest, endlessWorkLeavesRoomForTheRest) {
     s.timerIn(0.05, 't', [&] { atTimer = calls; });
     s.pairs[0].put();
     Platform::doEventLoop();
-    EXPECT_TRUE(done());
+    EXPECT_LE(1u, untilRead);
     EXPECT_GE(kMost, untilRead);
     EXPECT_LE(4990u, atTimer);
     EXPECT_GE(5001 + 2 * kMost, atTimer);
@@ -154,29 +146,20 @@ TYPED_TEST(MeterTest, endlessWorkLeavesRoomForTheRest) {
 // A task a pass: between any two tasks the loop has its turn, which is a timer of its own here.
 TYPED_TEST(MeterTest, everyTaskLeavesTheLoopItsTurn) {
   TypeParam::run([] {
-    Outside outside;
-    std::string log;
-    auto const root = schedulerRootVeltro();
-    std::vector<std::unique_ptr<Callback>> handlers;
-    std::vector<std::shared_ptr<Platform::CallbackControl>> controls;
-    for (char const letter : {'a', 'b', 'c', 'd'}) {
-      handlers.push_back(std::make_unique<Callback>([&log, letter] { log += letter; }));
-      controls.push_back(
-          Platform::getCallbackControl(handlers.back().get(), root, TaskPriority::normal, "t"));
-      controls.back()->requestCallback();
-    }
+    Scene<TaskBackend<TypeParam>> s;
+    for (char const letter : {'a', 'b', 'c', 'd'}) s.call(letter).soon();
     Timeout handler;
     auto const beat = Platform::getTimerControl(&handler);
     handler.onTimeout = [&] {
-      log += '.';
-      if (log.size() < 12) beat->setTimeout(0);
+      s.log += '.';
+      if (s.log.size() < 12) beat->setTimeout(0);
     };
     beat->setTimeout(0);
     Platform::doEventLoop(0.1);
-    for (std::size_t i = 0; i + 1 < log.size(); ++i) {
-      EXPECT_TRUE(log[i] == '.' || log[i + 1] == '.') << log;
+    for (std::size_t i = 0; i + 1 < s.log.size(); ++i) {
+      EXPECT_TRUE(s.log[i] == '.' || s.log[i + 1] == '.') << s.log;
     }
-    EXPECT_NE(std::string::npos, log.find('d'));
+    EXPECT_NE(std::string::npos, s.log.find('d'));
   });
 }
 

@@ -97,6 +97,16 @@ class Scene final {
     return watch;
   }
 
+  /// Off after its first read event.
+  Watch& watchOnce(int fd, char letter) {
+    Watch& made = watch(fd, letter);
+    made.handler.onRead = [this, letter, &made](int) {
+      log += letter;
+      made.off();
+    };
+    return made;
+  }
+
   Outside outside;
   std::string log;
   std::deque<SocketPair> pairs{3};
