@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
@@ -43,13 +44,14 @@ int wait(int set, epoll_event* events, int capacity, std::int64_t ns) {
   return 0;
 }
 
-void* allocate(std::size_t size) {
-  if (active != nullptr) {
-    if (active->fails(Outside::allocation)) return nullptr;
-    ++active->liveAllocations;
-  }
-  return std::malloc(size);
+void* allocateAligned(std::size_t size, std::size_t alignment) {
+  if (active != nullptr && active->fails(Outside::allocation)) return nullptr;
+  void* memory = nullptr;
+  if (::posix_memalign(&memory, alignment, size) != 0) return nullptr;
+  if (active != nullptr) ++active->liveAllocations;
+  return memory;
 }
+void* allocate(std::size_t size) { return allocateAligned(size, alignof(std::max_align_t)); }
 void release(void* memory) {
   if (active != nullptr && memory != nullptr) --active->liveAllocations;
   std::free(memory);
@@ -59,10 +61,7 @@ void* reallocate(void* memory, std::size_t size) {
   if (active != nullptr && active->fails(Outside::allocation)) return nullptr;
   return std::realloc(memory, size);
 }
-void* allocateOrThrow(std::size_t size) {
-  if (void* const memory = allocate(size)) return memory;
-  throw std::bad_alloc();
-}
+void* orThrow(void* memory) { return memory != nullptr ? memory : throw std::bad_alloc(); }
 
 // Before libevent's first allocation.
 [[maybe_unused]] bool const atLoad = (event_set_mem_functions(allocate, reallocate, release), true);
@@ -144,25 +143,17 @@ int epoll_pwait2(int set, epoll_event* events, int capacity, timespec const* tim
 
 }  // extern "C"
 
-void* operator new(std::size_t size) { return allocateOrThrow(size); }
-void* operator new[](std::size_t size) { return allocateOrThrow(size); }
+void* operator new(std::size_t size) { return orThrow(allocate(size)); }
+void* operator new[](std::size_t size) { return orThrow(allocate(size)); }
 void* operator new(std::size_t size, std::nothrow_t const&) noexcept { return allocate(size); }
+// TimerHeap's tables are aligned to cache lines.
+void* operator new(std::size_t size, std::align_val_t alignment) {
+  return orThrow(allocateAligned(size, static_cast<std::size_t>(alignment)));
+}
 void operator delete(void* memory) noexcept { release(memory); }
 void operator delete[](void* memory) noexcept { release(memory); }
 void operator delete(void* memory, std::size_t /*size*/) noexcept { release(memory); }
 void operator delete[](void* memory, std::size_t /*size*/) noexcept { release(memory); }
-// TimerHeap's tables are aligned to cache lines.
-void* operator new(std::size_t size, std::align_val_t alignment) {
-  if (active != nullptr) {
-    if (active->fails(Outside::allocation)) throw std::bad_alloc();
-    ++active->liveAllocations;
-  }
-  void* memory = nullptr;
-  if (::posix_memalign(&memory, static_cast<std::size_t>(alignment), size) != 0) {
-    throw std::bad_alloc();
-  }
-  return memory;
-}
 void operator delete(void* memory, std::align_val_t) noexcept { release(memory); }
 void operator delete(void* memory, std::size_t, std::align_val_t) noexcept { release(memory); }
 #pragma GCC visibility pop

@@ -23,32 +23,23 @@ struct Lane {
   unsigned number = 0;
 };
 
-/// What a loop promises about order and ends, beyond what all do.
-template <bool oneOrder, bool tiesInOrder, bool exactEnd>
-struct Promises {
-  static constexpr bool kOneOrder = oneOrder;  // zero delays and deadlines are one order
-  static constexpr bool kTiesInOrder = tiesInOrder;
-  static constexpr bool kExactEnd = exactEnd;
-};
-
-template <typename Loop, typename Promised>
-struct BareWalk : Loop, Promised {
-  static constexpr bool kTasks = false;
-  static auto timer(Platform::TimeoutHandler* h, Lane const&) { return Loop::timer(h); }
-  static auto fd(Platform::FdEventHandler* h, Lane const&) { return Loop::fd(h); }
-  static auto callback(Platform::CallbackHandler* h, Lane const&) { return Loop::callback(h); }
-};
-
-template <typename Loop, typename Promised>
-struct TaskWalk : Loop, Promised {
-  static constexpr bool kTasks = true;
-  static auto timer(Platform::TimeoutHandler* h, Lane const& l) {
+/// A loop, bare or under a scheduler, and what it promises about order and ends beyond what all do.
+template <typename Loop, bool tasks>
+struct On : Loop {
+  static constexpr bool kTasks = tasks;
+  static constexpr bool kExact = std::is_same_v<Loop, KivBackend>;
+  static constexpr bool kOneOrder = kExact && !tasks;  // zero delays and deadlines are one order
+  static std::shared_ptr<Platform::TimerControl> timer(Platform::TimeoutHandler* h, Lane const& l) {
+    if (!tasks) return Loop::timer(h);
     return Platform::getTimerControl(h, l.scheduler, l.priority, "timer");
   }
-  static auto fd(Platform::FdEventHandler* h, Lane const& l) {
+  static std::shared_ptr<Platform::FdControl> fd(Platform::FdEventHandler* h, Lane const& l) {
+    if (!tasks) return Loop::fd(h);
     return Platform::getFdControl(h, l.scheduler, l.priority, "fd");
   }
-  static auto callback(Platform::CallbackHandler* h, Lane const& l) {
+  static std::shared_ptr<Platform::CallbackControl> callback(Platform::CallbackHandler* h,
+                                                             Lane const& l) {
+    if (!tasks) return Loop::callback(h);
     return Platform::getCallbackControl(h, l.scheduler, l.priority, "callback");
   }
 };
@@ -140,11 +131,11 @@ class Walk {
     actor->kind = static_cast<Kind>(_below(3));
     actor->lane = _lane();
     actor->answers = _below(2) == 0;
-    if (actor->kind == timer) {
-      actor->timerControl = Backend::timer(actor.get(), actor->lane);
-    } else if (actor->kind == callback) {
+    if (actor->kind == timer) actor->timerControl = Backend::timer(actor.get(), actor->lane);
+    if (actor->kind == callback) {
       actor->callbackControl = Backend::callback(actor.get(), actor->lane);
-    } else {
+    }
+    if (actor->kind == descriptor) {
       actor->fdControl = Backend::fd(actor.get(), actor->lane);
       actor->fdControl->setReads(false);  // the back ends begin differently
     }
@@ -162,28 +153,20 @@ class Walk {
   }
 
   void _operateTimer(Actor& actor) {
-    Platform::TimerControl& control = *actor.timerControl;
-    switch (_below(6)) {
-      case 0:
-        control.delTimeout();
-        actor.armed = false;
-        break;
-      case 1:
-        control.setTimeout(kInfinity);
-        actor.armed = false;
-        break;
-      case 2:
-        control.setTimeout(0);
-        _armedNow(actor);
-        break;
-      case 3:
-        _checkRemaining(actor);
-        break;
-      default: {
-        unsigned const ticks = 1 + _below(20);
-        control.setTimeout(kTick * ticks);
-        _armed(actor, ticks * kTickNs);
-      }
+    unsigned const deed = _below(6);
+    if (deed == 3) return _checkRemaining(actor);
+    if (deed < 2) {
+      actor.armed = false;
+      if (deed == 0) return actor.timerControl->delTimeout();
+      return actor.timerControl->setTimeout(kInfinity);
+    }
+    unsigned const ticks = deed == 2 ? 0 : 1 + _below(20);
+    actor.timerControl->setTimeout(kTick * ticks);
+    // A task that is queued keeps its place; whether one that has come due is, only its loop knows.
+    if (ticks == 0 && Backend::kTasks && actor.armed && actor.dueNs <= outside_.nowNs) {
+      actor.placeUnknown = actor.placeUnknown || !actor.zero;
+    } else {
+      _armed(actor, ticks * kTickNs);
     }
   }
 
@@ -198,12 +181,6 @@ class Walk {
     if (actor.callbackControl->pendingCallback() != actor.armed) _wrong("pending is wrong");
   }
 
-  // A task that is queued keeps its place; whether one that has come due is, only its loop knows.
-  void _armedNow(Actor& actor) {
-    bool const due = actor.armed && actor.dueNs <= outside_.nowNs;
-    if (!Backend::kTasks || !due) return _armed(actor, 0);
-    actor.placeUnknown = actor.placeUnknown || !actor.zero;
-  }
   void _armed(Actor& actor, std::int64_t delayNs) {
     actor.placeUnknown = false;
     actor.armed = true;
@@ -231,19 +208,19 @@ class Walk {
       case 0:
       case 1:
         actor.reads = _below(3) != 0;
-        if (actor.reads) actor.readsCleared = false;
+        actor.readsCleared = actor.readsCleared && !actor.reads;
         return control.setReads(actor.reads);
       case 2:
         actor.writes = _below(3) == 0;
-        if (actor.writes) actor.writesCleared = false;
+        actor.writesCleared = actor.writesCleared && !actor.writes;
         return control.setWrites(actor.writes);
       case 3:
-        control.delFd();
         actor.bound = -1;
-        return _cleared(actor);
+        _cleared(actor);
+        return control.delFd();
       case 4:
-        control.clearEvents();
-        return _cleared(actor);
+        _cleared(actor);
+        return control.clearEvents();
       case 5:
       case 6:
         actor.bound = socket.ends[0];
@@ -283,7 +260,7 @@ class Walk {
     if (a.zero != b.zero && !Backend::kOneOrder) return false;
     if (a.zero && b.zero) return a.sequence < b.sequence;
     if (a.dueNs / 1000 != b.dueNs / 1000) return a.dueNs < b.dueNs;
-    return Backend::kTiesInOrder && a.sequence < b.sequence;
+    return Backend::kExact && a.sequence < b.sequence;  // libevent's ties: within a microsecond
   }
 
   void _ready(Actor& actor, int fd, bool interest, bool cleared) {
@@ -325,7 +302,7 @@ class Walk {
       mayBeCut_ = false;
     } catch (int) {
       // libevent keeps the end of a run that came in the pass of an exception for the next run.
-      mayBeCut_ = !Backend::kExactEnd;
+      mayBeCut_ = !Backend::kExact;
     }
   }
 
@@ -385,11 +362,8 @@ unsigned fromEnvironment(char const* name, unsigned otherwise) {
 
 template <typename Backend>
 struct WalkTest : testing::Test {};
-// libevent's ties are those within one microsecond.
-using Backends = testing::Types<BareWalk<KivBackend, Promises<true, true, true>>,
-                                BareWalk<LibeventBackend, Promises<false, false, false>>,
-                                TaskWalk<KivBackend, Promises<false, true, true>>,
-                                TaskWalk<LibeventBackend, Promises<false, false, false>>>;
+using Backends = testing::Types<On<KivBackend, false>, On<LibeventBackend, false>,
+                                On<KivBackend, true>, On<LibeventBackend, true>>;
 TYPED_TEST_SUITE(WalkTest, Backends, );
 
 // WALK_SEED replays one walk; WALK_STEPS makes all of them longer.
