@@ -91,8 +91,9 @@ class VELTRO_API ShmemMan final : public Kiv::Entity {
   /// The key has a block, the file is mapped, counterSize is at least 4: else the process ends.
   void shmemGenIdIs(Kiv::String counterKey, U32 counterSize, U32 genId);
   /// Maps the file, making it and its directories if missing, and growing it to `fileSize`; true.
-  /// Once mapped it stays as it is, whatever size is given. What cannot be mapped throws
-  /// Kiv::ErrnoException("Failed mmap file"), its errnum() as Mem::Shared::attach says.
+  /// Once mapped it stays as it is, whatever size is given. What cannot be mapped, or would be
+  /// reached over a link below the root, throws Kiv::ErrnoException("Failed mmap file"), its
+  /// errnum() as Mem::Shared::attach and Mem::RootPath::create say.
   bool mmapFile(U64 const& fileSize);
   /// Unmaps, and removes the file if asked. Failures are traced only. The addresses that were
   /// handed out are dead, and this entity is finished with: it keeps its attributes and maps

@@ -154,6 +154,7 @@ bool RootPath::create() {
   } else {
     int const reason = errno;
     VELTRO_TRACE(handler_, 1, "Failed to create " << fullPath_ << ": " << std::strerror(reason));
+    errno = reason;
   }
   return made;
 }

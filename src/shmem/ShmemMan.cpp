@@ -59,6 +59,15 @@ std::size_t mappedBytes(U64 fileSize) { return std::max<U32>(static_cast<U32>(fi
 
 void* pointer(U64 address) { return reinterpret_cast<void*>(static_cast<std::uintptr_t>(address)); }
 
+/// Makes the file's directory, or says in errno why not. Mem::Shared would make it too, but does
+/// not know where the root ends: below it a planted link, or a "..", may lead nowhere else.
+bool madeDirectory(Kiv::Ptr<RootPath> const& path) {
+  errno = EINVAL;
+  if (!path || !path->initialized()) return false;
+  std::string dirName = path->dirName();
+  return rootPathFactory(::dirname(dirName.data()), true)->initialized();
+}
+
 void* attached(std::string directory, std::string file, U64 fileSize) {
   Mem::Shared segment(::dirname(directory.data()), ::basename(file.data()), true,
                       Mem::Shared::SHARED_DEFAULT_FLAGS, true);
@@ -213,11 +222,9 @@ bool ShmemMan::mmapFile(U64 const& fileSize) {
   Kiv::String const file = fileName();
   SHMEM_TRACE(kProgress, "need to mmap " << file);
   fileSize_.is(fileSize);
-  // An invalid root path holds a "..": it would lead out of the root.
-  bool const valid = rootPath_() && rootPath_()->initialized();
-  void* const address = valid ? attached(file, file, fileSize) : nullptr;
+  void* const address = madeDirectory(rootPath_()) ? attached(file, file, fileSize) : nullptr;
   if (address == nullptr) {
-    int const reason = valid ? errno : EINVAL;
+    int const reason = errno;
     SHMEM_TRACE(kFailure, "Failed to mmap " << file);
     throw Kiv::ErrnoException("Failed mmap file", reason);
   }

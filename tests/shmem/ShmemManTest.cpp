@@ -206,9 +206,16 @@ TEST(ShmemManTest, whatIsRefusedIsAnException) {
                 testing::ThrowsMessage<Kiv::RangeException>("linkqueue index space full"));
 
     fs::create_directories(kDirectory + "/directory");
-    for (auto const& [name, reason] : {std::pair("directory", "Is a directory (21)"),
-                                       std::pair("../mgr", "Invalid argument (22)")}) {
-      auto const unmapped = Kiv::allocate<ShmemMan>(name, "base", 4u);
+    fs::create_directory_symlink("/var", "/var/shmem/shmem/counters/link");
+    struct {
+      char const* name;
+      char const* baseName;
+      char const* reason;
+    } const cases[] = {{"directory", "base", "Is a directory (21)"},
+                       {"../mgr", "base", "Invalid argument (22)"},
+                       {"mgr", "link", "Not a directory (20)"}};
+    for (auto const& [name, baseName, reason] : cases) {
+      auto const unmapped = Kiv::allocate<ShmemMan>(name, baseName, 4u);
       EXPECT_THAT(tracesOf([&] {
                     EXPECT_THAT(ask(unmapped), testing::ThrowsMessage<Kiv::ErrnoException>(
                                                    "Failed mmap file: " + std::string(reason)));
@@ -216,6 +223,7 @@ TEST(ShmemManTest, whatIsRefusedIsAnException) {
                   Contains("5 Failed to mmap " + unmapped->fileName().stdString()));
       EXPECT_EQ(0u, unmapped->mmapStartAddr());
     }
+    EXPECT_FALSE(fs::exists("/var/mgr")) << "led out of the root";
     EXPECT_THAT(man->counterKeyToMemBlock(), IsEmpty());
   });
 }

@@ -34,7 +34,7 @@ class MEM_API RootPath final {
   /// Whether the directory is there.
   bool exists() const;
   /// Makes the directory and all missing parents, mode 0777 whatever the umask. True when it is
-  /// there afterwards.
+  /// there afterwards; else errno says why.
   bool create();
   /// Removes one file in it; one that is missing counts as removed. "" and names with a slash
   /// or a zero byte are refused.
