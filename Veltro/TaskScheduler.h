@@ -110,10 +110,15 @@ class VELTRO_API TaskScheduler : public std::enable_shared_from_this<TaskSchedul
   void schedulerHasRunnableTasksIs(bool runnable, TimePoint now) {
     if (runnable != hasRunnableTasks_) _hasRunnableTasksChanged(runnable, now);
   }
-  /// Also keeps when, for the slip.
+  /// Also keeps when, for the slip. Refused, the next schedule asks again.
   void requestSchedulerRunAndRecord(TimePoint now) {
     runRequestedAt_ = now;
-    requestSchedulerRun();
+    try {
+      requestSchedulerRun();
+    } catch (...) {
+      hasRunnableTasks_ = false;
+      throw;
+    }
   }
   /// Measures the slip of the run that begins.
   void checkSchedulerLatency();

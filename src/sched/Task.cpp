@@ -93,7 +93,11 @@ bool TaskImpl::taskScheduled() const { return taskRunQueueLink_.isLinked(); }
 void TaskImpl::scheduleTask() {
   TaskScheduler& scheduler = *taskScheduler();
   scheduler.root_->sanityCheckCurrentRunningThread();
-  if (taskRunQueueLink_.isLinked()) return;
+  if (taskRunQueueLink_.isLinked()) {
+    // Queued, and no run is asked for: the last request was refused.
+    if (!scheduler.hasRunnableTasks_) scheduler.schedulerHasRunnableTasksIs(true, Clock::now());
+    return;
+  }
   TimePoint const now = Clock::now();
   if (taskSuspendedForTest_) {
     scheduler.history_->insert(now, TaskSchedulerEventType::scheduleSuspended, taskNameRef());
