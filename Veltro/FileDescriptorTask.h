@@ -44,7 +44,8 @@ class VELTRO_API FileDescriptorTask : public _TaskBase {
   /// taskWatchFdIs(), but switching one on that is on already does nothing.
   void preFdCloseCleanup();
 
-  /// Both interests are off at first. Off drops a run that is queued.
+  /// Both interests are off at first. Off drops a run that is queued. One that the loop refuses
+  /// stays as it was.
   bool taskWatchReadable() const { return watchReadable_; }
   void taskWatchReadableIs(bool on);
   bool taskWatchWritable() const { return watchWritable_; }

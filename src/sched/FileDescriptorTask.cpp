@@ -104,14 +104,17 @@ int FileDescriptorTask::taskWatchFd() const {
   return taskScheduler()->schedulerRoot().fileDescriptorTaskFd(*this);
 }
 void FileDescriptorTask::taskWatchFdIs(int fd) {
+  sanityCheckCurrentRunningThread();
   readableMuted_ = writableMuted_ = false;
   taskScheduler()->schedulerRoot().fileDescriptorTaskFdIs(*this, fd);
 }
 void FileDescriptorTask::taskWatchFdDel() {
+  sanityCheckCurrentRunningThread();
   taskScheduler()->schedulerRoot().fileDescriptorTaskFdDel(*this);
   _dropQueued();
 }
 void FileDescriptorTask::preFdCloseCleanup() {
+  sanityCheckCurrentRunningThread();
   taskScheduler()->schedulerRoot().preFdCloseCleanup(*this);
   _dropQueued();
 }
@@ -123,20 +126,34 @@ void FileDescriptorTask::_dropQueued() {
   if (taskScheduledWritable()) writeTask_->unscheduleTask();
 }
 
+// Refused by the loop it is as it was: else switching it on once more would do nothing.
+template <class TellLoop>
+static void switchTo(bool& watch, bool on, TellLoop const& tellLoop) {
+  watch = on;
+  try {
+    tellLoop();
+  } catch (...) {
+    watch = !on;
+    throw;
+  }
+}
+
 void FileDescriptorTask::taskWatchReadableIs(bool on) {
+  sanityCheckCurrentRunningThread();
   if (on == watchReadable_) return;
-  watchReadable_ = on;
   readableMuted_ = false;
-  taskScheduler()->schedulerRoot().fileDescriptorTaskWatchReadableIs(*this, on);
+  switchTo(watchReadable_, on,
+           [&] { taskScheduler()->schedulerRoot().fileDescriptorTaskWatchReadableIs(*this, on); });
   if (!on) readTask_->unscheduleTask();
 }
 
 void FileDescriptorTask::taskWatchWritableIs(bool on) {
+  sanityCheckCurrentRunningThread();
   if (on == watchWritable_) return;
   checkCreateWriteTask();
-  watchWritable_ = on;
   writableMuted_ = false;
-  taskScheduler()->schedulerRoot().fileDescriptorTaskWatchWritableIs(*this, on);
+  switchTo(watchWritable_, on,
+           [&] { taskScheduler()->schedulerRoot().fileDescriptorTaskWatchWritableIs(*this, on); });
   if (!on) writeTask_->unscheduleTask();
 }
 

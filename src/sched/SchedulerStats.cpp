@@ -6,6 +6,7 @@
 #include "SchedDebug.h"
 #include "Veltro/TaskScheduler.h"
 #include "Veltro/TaskSchedulerHistory.h"
+#include "Veltro/TaskSchedulerRoot.h"
 
 namespace Veltro {
 
@@ -153,6 +154,7 @@ void TaskScheduler::clearStatsCommon() {
 }
 
 void TaskScheduler::clearStats() {
+  root_->sanityCheckCurrentRunningThread();
   clearStatsCommon();
   RegisteredTasks::Bookmark walk(registeredTasks_);  // handleResetStats() may destroy tasks
   walk.start();

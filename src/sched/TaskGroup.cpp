@@ -10,6 +10,7 @@ namespace Veltro {
 namespace {
 TaskScheduler& checked(std::shared_ptr<TaskScheduler> const& parent) {
   VELTRO_ASSERT(schedDebug(), parent, "Need a TaskScheduler");
+  parent->schedulerRoot().sanityCheckCurrentRunningThread();  // before its names are touched
   return *parent;
 }
 }  // namespace

@@ -107,6 +107,7 @@ bool TaskSchedulerRoot::resetStatsInProgress() const {
 }
 
 void TaskSchedulerRoot::suspendedIs(bool suspended) {
+  sanityCheckCurrentRunningThread();
   if (suspended == suspended_) return;
   suspended_ = suspended;
   TimePoint const now = std::chrono::steady_clock::now();
