@@ -65,7 +65,7 @@ class BookmarkList final : public ListImpl {
 template <class T, class Node, Node T::*ptrToLinkNode>
 class BookmarkList<T, Node, ptrToLinkNode>::Bookmark final {
  public:
-  /// Stands nowhere until begin(); must go before the list.
+  /// Stands nowhere until start(); must go before the list.
   explicit Bookmark(BookmarkList& list) : list_(list) {}
   Bookmark(Bookmark const&) = delete;
   Bookmark& operator=(Bookmark const&) = delete;

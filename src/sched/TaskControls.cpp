@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "SchedDebug.h"
 #include "Veltro/TaskSchedulerRoot.h"
 #include "diag/Catching.h"
 
@@ -36,11 +37,14 @@ thread_local Run const* Run::innermost = nullptr;
 /// Calls `event`, the handler's event in a run of `control`; what it throws goes on unless the
 /// handler answers for it. One that has let go of its control may be gone itself: nobody to ask.
 template <typename Event, typename Answer>
-void call(_TaskBase const& control, Event&& event, Answer&& answer) {
+void call(_TaskBase const& control, char const* kind, Event&& event, Answer&& answer) {
   Run const run(control);
-  catching(event, [&] {
+  bool const handled = catching(event, [&] {
     if (run.released() || !answer()) throw;
   });
+  if (handled) {
+    VELTRO_TRACE(schedDebug(), 9, control << " " << kind << " notification exception was handled");
+  }
 }
 
 }  // namespace
@@ -58,7 +62,7 @@ double Platform::TaskTimerControl::remainingTimeout() const { return timerRemain
 
 void Platform::TaskTimerControl::taskExecute() {
   call(
-      *this, [this] { handler_->timeout(); },
+      *this, "Timeout", [this] { handler_->timeout(); },
       [this] { return handler_->handleTimeoutException(); });
 }
 
@@ -75,7 +79,7 @@ bool Platform::TaskCallbackControl::pendingCallback() const { return taskSchedul
 
 void Platform::TaskCallbackControl::taskExecute() {
   call(
-      *this, [this] { handler_->callback(); },
+      *this, "Callback", [this] { handler_->callback(); },
       [this] { return handler_->handleCallbackException(); });
 }
 
@@ -112,13 +116,15 @@ void Platform::TaskFdControl::clearEvents() { preFdCloseCleanup(); }
 void Platform::TaskFdControl::taskExecuteReadable() {
   int const fd = getFd();
   call(
-      *this, [=] { handler_->readFdEvent(fd); }, [=] { return handler_->handleFdException(fd); });
+      *this, "Fd", [=] { handler_->readFdEvent(fd); },
+      [=] { return handler_->handleFdException(fd); });
 }
 
 void Platform::TaskFdControl::taskExecuteWritable() {
   int const fd = getFd();
   call(
-      *this, [=] { handler_->writeFdEvent(fd); }, [=] { return handler_->handleFdException(fd); });
+      *this, "Fd", [=] { handler_->writeFdEvent(fd); },
+      [=] { return handler_->handleFdException(fd); });
 }
 
 std::shared_ptr<Platform::TimerControl> Platform::getTimerControl(
