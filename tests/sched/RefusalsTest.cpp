@@ -11,39 +11,45 @@ namespace {
 using testing::HasSubstr;
 using testing::MatchesRegex;
 using RefusalsTest = SchedTest;
-constexpr double kForever = std::numeric_limits<double>::infinity();
 
-TEST_F(RefusalsTest, aMissingScheduler) {
+TEST_F(RefusalsTest, whatIsMissingOrOutOfRange) {
   std::shared_ptr<TaskScheduler> const none;
   std::function<void()> const makers[] = {
       [&] { DoTask(none, TaskPriority::low, "x"); },
       [&] { DoTimer(none, TaskPriority::low, "x"); },
       [&] { Pipe(none, TaskPriority::low, "x"); },
       [&] { TaskGroup::TaskGroupIs("g", TaskPriority::low, false, none); },
-      [&] { Platform::getTimerControl(nullptr, none, TaskPriority::low, ""); },
   };
   for (auto const& make : makers) EXPECT_EQ("Need a TaskScheduler", assertionOf(make));
-}
 
-TEST_F(RefusalsTest, whatIsOutOfRange) {
   auto const task = make("t");
   EXPECT_EQ("Quantum: 0ns", assertionOf([&] { task->taskQuantumIs(0ns); }));
   EXPECT_EQ("Quantum: 1000ms", assertionOf([&] { task->taskQuantumIs(1s + 1ns); }));
   EXPECT_EQ("Quantum: 2000ms", assertionOf([&] { root->defaultTaskQuantumIs(2s); }));
   EXPECT_EQ("Quantum: -1ns", assertionOf([&] { root->defaultTaskQuantumIs(-1ns); }));
   EXPECT_THAT(assertionOf([&] { make("x", TaskPriority(5)); }), HasSubstr("oneBeyondLast"));
-  EXPECT_THAT(assertionOf([&] { make("x", TaskPriority(6)); }), HasSubstr("invalidPriority=6"));
 
   auto const timer = make<DoTimer>("t");
+  double const forever = std::numeric_limits<double>::infinity();
   EXPECT_EQ("maxJitterPercentage: e > 100",
             assertionOf([&] { timer->scheduleTaskJitterUp(1s, 101); }));
-  EXPECT_EQ("delayIntoFuture: inf", assertionOf([&] { timer->scheduleTaskLowestDelay(kForever); }));
+  EXPECT_EQ("delayIntoFuture: inf", assertionOf([&] { timer->scheduleTaskLowestDelay(forever); }));
   EXPECT_EQ("delayIntoFuture: 153722867min",
             assertionOf([&] { timer->scheduleTaskLowestDelay(std::chrono::nanoseconds::max()); }));
   EXPECT_THAT(assertionOf([&] {
                 for (;;) timer->jitterOffset(-1s, 100);  // some draw is above the delay
               }),
               MatchesRegex("offset\\( .* \\) > delayIntoFuture\\( -.* \\)"));
+
+  // Events of schedulers begin at 15, and end at 19.
+  auto const event = [&](unsigned type, auto const& subject) {
+    return assertionOf([&] {
+      root->schedulerHistory()->insert({}, static_cast<TaskSchedulerEventType>(type), subject);
+    });
+  };
+  EXPECT_EQ("EventType: 15", event(15, task->taskNameRef()));
+  EXPECT_EQ("EventType: 14", event(14, &*root));
+  EXPECT_EQ("EventType: 20", event(20, &*root));
 }
 
 TEST_F(RefusalsTest, whatIsOutOfTurn) {
@@ -71,21 +77,6 @@ TEST_F(RefusalsTest, whatIsOutOfTurn) {
   EXPECT_FALSE(root->resetStatsInProgress());
 }
 
-TEST_F(RefusalsTest, aTaskForWhichThereIsNoMemoryLeavesNothingBehind) {
-  bool reached = true;
-  for (unsigned n = 0; reached; ++n) {
-    root = std::make_shared<TestKit>();
-    outside.failIs(Outside::allocation, n, false, 0);
-    try {
-      make("a name that needs memory");
-    } catch (std::bad_alloc const&) {
-    }
-    reached = outside.failures() != 0;
-    outside.failNone();
-    EXPECT_EQ(0u, root->registeredTaskCount() + root->tasksPerPriority(TaskPriority::normal));
-  }
-}
-
 TEST_F(RefusalsTest, ofADescriptorTask) {
   auto const task = make<Pipe>("p");
   EXPECT_EQ("handleReadable() called with taskWatchReadable off",
@@ -95,7 +86,6 @@ TEST_F(RefusalsTest, ofADescriptorTask) {
   EXPECT_EQ("WriteTask not created by taskWatchWritableIs( true )",
             assertionOf([&] { task->taskWorkCountWritableInc(1); }));
   EXPECT_EQ("Executing task not set", assertionOf([&] { task->taskShouldYield(); }));
-  EXPECT_EQ("Executing task not set", assertionOf([&] { task->taskWorkPendingIs(1); }));
   task->scheduleTaskReadable();
   EXPECT_EQ("ReadTask should only run if taskWatchReadable", assertionOf([&] { turn(); }));
   task->taskWatchReadableIs(true);
@@ -110,20 +100,22 @@ TEST_F(RefusalsTest, ofADescriptorTask) {
 TEST_F(RefusalsTest, anotherThread) {
   auto const task = make("t");
   auto const timer = make<DoTimer>("timer");
+  auto const pipe = make<Pipe>("pipe");
   std::function<void()> const entries[] = {
       [&] { task->scheduleTask(); },
-      [&] { task->unscheduleTask(); },
       [&] { DoTask(root, TaskPriority::low, "x"); },
+      [&] { TaskGroup::TaskGroupIs("x", TaskPriority::low, false, root); },
       [&] { root->taskUnregister(task.get()); },
       [&] { root->handleSchedulerRun(); },
+      [&] { root->suspendedIs(true); },
       [&] { root->resetStats(); },
+      [&] { root->clearStats(); },
       [&] { task->taskRunFromTest(); },
       [&] { task->taskSuspendedForTestIs(true); },
       [&] { task->taskForceYieldInTestIs(true); },
       [&] { timer->scheduleTask(); },
       [&] { timer->taskRunFromTest(); },
       [&] { timer->scheduleTaskDelay(1.0); },
-      [&] { timer->scheduleTaskDelay(0ns); },
       [&] { timer->scheduleTaskLowestDelay(1s); },
       [&] { timer->scheduleTaskJitterDown(1s, 1); },
       [&] { timer->scheduleTaskJitterUp(1s, 1); },
@@ -131,12 +123,17 @@ TEST_F(RefusalsTest, anotherThread) {
       [&] { timer->stopTimerTask(); },
       [&] { timer->timerRemaining(); },
       [&] { timer->currentExpirationTime(); },
+      [&] { pipe->taskWatchReadableIs(true); },
+      [&] { pipe->taskWatchWritableIs(true); },
+      [&] { pipe->taskWatchFdIs(pipe->ends[0]); },
+      [&] { pipe->preFdCloseCleanup(); },
+      [&] { pipe->taskWatchFdDel(); },
   };
+  std::size_t const names = root->schedulerHistory()->cache().size();
   auto const elsewhere = [](std::function<void()> const& action) {
     std::string text;
     std::thread([&] {
       ::pthread_setname_np(::pthread_self(), "stranger");
-      EXPECT_EQ("stranger", TaskSchedulerRoot::currentThreadName());
       text = assertionOf(action);
     }).join();
     return text;
@@ -148,7 +145,10 @@ TEST_F(RefusalsTest, anotherThread) {
                              " scheduler belongs to thread [0-9]+\\(.+\\) pid " + pid))
         << "entry " << &entry - entries;
   }
-  EXPECT_FALSE(task->taskSuspendedForTest() || task->taskForceYieldInTest());
+  EXPECT_FALSE(task->taskSuspendedForTest() || task->taskForceYieldInTest() || root->suspended());
+  EXPECT_FALSE(pipe->taskWatchReadable() || pipe->taskWatchWritable());
+  EXPECT_EQ(-1, pipe->taskWatchFd());
+  EXPECT_EQ(names, root->schedulerHistory()->cache().size());
   auto const check = [&] { root->sanityCheckCurrentRunningThread(); };
   EXPECT_EQ("", assertionOf(check));
   root->threadSanityDisabledIs(true);

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <functional>
+#include <regex>
 #include <sstream>
 #include <string>
 #include <utility>
@@ -15,6 +16,7 @@
 #include "Veltro/TaskGroup.h"
 #include "Veltro/TaskSchedulerHistory.h"
 #include "Veltro/TestKit.h"
+#include "src/sched/Report.h"
 #include "tests/survive/Outside.h"
 
 namespace Veltro {
@@ -36,11 +38,8 @@ class Doing : public Base {
   void handleResetStats() override {
     if (onReset) onReset();
   }
-  void handleTaskBusy() override {
-    if (onBusy) onBusy();
-  }
   Work work;
-  std::function<void()> onReset, onBusy;
+  std::function<void()> onReset;
 };
 using DoTask = Doing<Task>;
 using DoTimer = Doing<TimerTask>;
@@ -105,22 +104,12 @@ struct SchedTest : testing::Test {
   }
 };
 
-/// All figures in a line; times in milliseconds.
+/// The report's line, each run of blanks as one.
 inline std::string figures(TaskStat const& stat) {
-  auto const mark = [](U32 n) { return n == TaskStat::kNoSample ? "none" : std::to_string(n); };
-  auto const ms = [](std::chrono::nanoseconds time) {
-    return static_cast<double>(time.count()) / 1e6;
-  };
-  std::ostringstream text;
-  text << stat.name() << stat.taskStatusString() << " dead " << stat.taskDeadCount() << " runs "
-       << stat.taskRunCount() << " time " << ms(stat.taskTotalRunTime()) << " most "
-       << ms(stat.taskRunTimeHighWaterMark()) << " late " << ms(stat.taskLastSchedulingLatency())
-       << " most " << ms(stat.taskSchedulingLatencyHighWaterMark()) << " over "
-       << stat.taskQuantumViolation200() << '+' << stat.taskQuantumViolation500() << " work "
-       << stat.taskWorkCountTotal() << " average " << stat.taskWorkCountDecayAvg() << " mark "
-       << mark(stat.taskWorkCountHighWaterMark()) << " pending " << stat.taskLastWorkPending()
-       << " mark " << mark(stat.taskWorkPendingHighWaterMark());
-  return text.str();
+  std::ostringstream table;
+  taskSchedulerDisplay(table, {stat}, "", 0, true, false, kNoReportLimit);
+  std::string const text = table.str(), row = text.substr(text.find("-\n") + 2);
+  return std::regex_replace(row.substr(0, row.find('\n')), std::regex(" +"), " ");
 }
 
 /// The message of the AssertException that `action` throws, cut down to what follows the function
@@ -129,9 +118,7 @@ inline std::string assertionOf(std::function<void()> const& action) {
   try {
     action();
   } catch (AssertException const& e) {
-    std::string const& text = e.message();
-    std::size_t const at = text.find(": ");
-    return at == std::string::npos ? "<" + text + ">" : text.substr(at + 2);
+    return e.message().substr(e.message().find(": ") + 2);
   }
   return {};
 }

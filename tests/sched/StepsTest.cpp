@@ -3,15 +3,14 @@
 #include <cmath>
 #include <cstdlib>
 #include <limits>
-#include <regex>
 
 #include "SchedSupport.h"
 #include "Veltro/Debug.h"
+#include "tests/platform/Backends.h"
 #include "tests/support/StandardError.h"
 
 namespace Veltro {
 namespace {
-constexpr double kForever = std::numeric_limits<double>::infinity();
 
 struct StepsTest : SchedTest {
   StepsTest() {
@@ -27,205 +26,155 @@ struct StepsTest : SchedTest {
     events();
     std::vector<std::string> const lines = standardError(action);
     std::string text = events();
-    for (std::string const& line : lines) {
-      text += std::regex_replace(line, std::regex("\\(0x[0-9a-f]+\\)"), "") + "; ";
-    }
-    return text;
+    for (std::string const& line : lines) text += line + "; ";
+    return std::regex_replace(text, std::regex("\\(0x[0-9a-f]+\\)|; $"), "");
   }
-  std::string step(DoTask& task, std::function<void()> const& action) {
+  /// The same, behind the status that the task has then.
+  std::string of(TaskImpl& task, std::function<void()> const& action) {
     std::string const text = step(action);
     EXPECT_EQ(task.taskScheduled(), task.taskBusy());
     return task.getStats().taskStatusString() + ": " + text;
-  }
-  std::string step(DoTimer& timer, std::function<void()> const& action) {
-    std::string const text = step(action);
-    double const left = timer.timerRemaining();
-    bool const queued = timer.taskStatus().taskOnRunQueue();
-    EXPECT_EQ(left < kForever, timer.timerRunning());
-    EXPECT_EQ(queued || timer.timerRunning(), timer.taskScheduled());
-    EXPECT_EQ(timer.taskScheduled(), timer.taskBusy());
-    EXPECT_EQ(queued            ? std::chrono::steady_clock::now()
-              : left < kForever ? root->timerExpiry(timer)
-                                : DoTimer::TimePoint::max(),
-              timer.currentExpirationTime());
-    std::ostringstream state;
-    state << timer.getStats().taskStatusString() << ' ' << left << ": " << text;
-    return state.str();
   }
 };
 
 TEST_F(StepsTest, ofATaskAndItsScheduler) {
   std::shared_ptr<DoTask> t;
-  EXPECT_EQ("create     t; 4 TestKit Register t; ", step([&] { t = make("t"); }));
+  auto const run = [&] { turn(); };
+  // What is so already is not done again.
+  auto const schedule = [&] { t->scheduleTask(), t->scheduleTask(); };
+  auto const unschedule = [&] { t->unscheduleTask(), t->unscheduleTask(); };
+  auto const suspend = [&] { t->taskSuspendedForTestIs(true), t->taskSuspendedForTestIs(true); };
+  auto const suspendAll = [&] { root->suspendedIs(true), root->suspendedIs(true); };
+  EXPECT_EQ("create     t; 4 TestKit Register t", step([&] { t = make("t"); }));
   EXPECT_EQ(
       " N: schedule   t; schedulerRunnable TestKit; busy       t; 8 Scheduled t; 8 TestKit "
-      "Scheduler has runnable tasks, request run; ",
-      step(*t, [&] { t->scheduleTask(); }));
-  EXPECT_EQ(" N: ", step(*t, [&] { t->scheduleTask(); }));
-  EXPECT_EQ(" n: unschedule t; idle       t; 8 Unscheduled t; ",
-            step(*t, [&] { t->unscheduleTask(); }));
-  EXPECT_EQ(" n: ", step(*t, [&] { t->unscheduleTask(); }));
-  EXPECT_EQ(" n: schedulerIdle TestKit; 8 TestKit Scheduler idle; ", step(*t, [&] { turn(); }));
-  t->scheduleTask();
+      "Scheduler has runnable tasks, request run",
+      of(*t, schedule));
+  EXPECT_EQ(" n: unschedule t; idle       t; 8 Unscheduled t", of(*t, unschedule));
+  EXPECT_EQ(" n: schedulerIdle TestKit; 8 TestKit Scheduler idle", of(*t, run));
+  schedule();
   EXPECT_EQ(
       " n: run start  t; run end    t; idle       t; 8 Running t; 7 Ran t used 0ns; 8 TestKit "
-      "Scheduler completed task, request run; ",
-      step(*t, [&] { turn(); }));
-  EXPECT_EQ(" n: 5 Set quantum t to 5ms; ", step(*t, [&] { t->taskQuantumIs(5ms); }));
-  EXPECT_EQ(" n: frcYieldOn t; 1 Set quantum t to 0ns; ",
-            step(*t, [&] { t->taskForceYieldInTestIs(true); }));
-  EXPECT_EQ(" n: frcYieldOfft; 5 Set quantum t to 20ms; ",
-            step(*t, [&] { t->taskForceYieldInTestIs(false); }));
-  t->scheduleTask();
-  EXPECT_EQ("Sn: suspendOn  t; unschedule t; idle       t; 1 Suspend t; 8 Unscheduled t; ",
-            step(*t, [&] { t->taskSuspendedForTestIs(true); }));
-  EXPECT_EQ("Sn: ", step(*t, [&] { t->taskSuspendedForTestIs(true); }));
-  EXPECT_EQ("Sn: scheduleSust; ", step(*t, [&] { t->scheduleTask(); }));
-  EXPECT_EQ(" N: suspendOff t; schedule   t; busy       t; 1 Unsuspend t; 8 Scheduled t; ",
-            step(*t, [&] { t->taskSuspendedForTestIs(false); }));
-  EXPECT_EQ(" N: schedulerSuspended TestKit; ", step(*t, [&] { root->suspendedIs(true); }));
-  EXPECT_EQ(" N: ", step(*t, [&] { root->suspendedIs(true); }));
-  EXPECT_EQ(" N: schedulerRunIgnoredWhileSuspended TestKit; 8 TestKit Suspended; ",
-            step(*t, [&] { turn(); }));
-  EXPECT_EQ(" N: schedulerUnsuspended TestKit; ", step(*t, [&] { root->suspendedIs(false); }));
+      "Scheduler completed task, request run",
+      of(*t, run));
+  EXPECT_EQ(" n: 5 Set quantum t to 5ms", of(*t, [&] { t->taskQuantumIs(5ms); }));
+  EXPECT_EQ(" n: frcYieldOn t; 1 Set quantum t to 0ns",
+            of(*t, [&] { t->taskForceYieldInTestIs(true); }));
+  EXPECT_EQ(" n: frcYieldOfft; 5 Set quantum t to 20ms",
+            of(*t, [&] { t->taskForceYieldInTestIs(false); }));
+  schedule();
+  EXPECT_EQ("Sn: suspendOn  t; unschedule t; idle       t; 1 Suspend t; 8 Unscheduled t",
+            of(*t, suspend));
+  EXPECT_EQ("Sn: scheduleSust", of(*t, [&] { t->scheduleTask(); }));
+  EXPECT_EQ(" N: suspendOff t; schedule   t; busy       t; 1 Unsuspend t; 8 Scheduled t",
+            of(*t, [&] { t->taskSuspendedForTestIs(false); }));
+  EXPECT_EQ(" N: schedulerSuspended TestKit", of(*t, suspendAll));
+  EXPECT_EQ(" N: schedulerRunIgnoredWhileSuspended TestKit; 8 TestKit Suspended", of(*t, run));
+  EXPECT_EQ(" N: schedulerUnsuspended TestKit", of(*t, [&] { root->suspendedIs(false); }));
   t->work = taking(45ms);
   EXPECT_EQ(
-      " n: run start  t; run end    t; idle       t; 8 Running t; 5 Ran t used 45ms 225% "
-      "violation; 8 TestKit Scheduler completed task, request run; ",
-      step(*t, [&] { turn(); }));
-  t->work = {};
-  t->scheduleTask();
-  EXPECT_EQ(" n: run start  t; run end    t; idle       t; 8 Running t; 7 Ran t used 0ns; ",
-            step(*t, [&] { t->taskRunFromTest(); }));
-  EXPECT_EQ(3u, t->taskRunCount());
-  EXPECT_EQ("delete     t; 4 TestKit Unregister t; ", step([&] { t.reset(); }));
-  EXPECT_EQ("8 TestKit history cleared; ", step([&] { root->clearHistory(); }));
-  EXPECT_EQ("1 TestKit disable thread sanity checking; 1 TestKit enable thread sanity checking; ",
+      " n: run start  t; run end    t; idle       t; 8 Running t; 5 Ran t used 45ms 225% violation",
+      of(*t, [&] { t->taskRunFromTest(); }));
+  EXPECT_EQ("delete     t; 4 TestKit Unregister t", step([&] { t.reset(); }));
+  EXPECT_EQ("8 TestKit history cleared", step([&] { root->clearHistory(); }));
+  EXPECT_EQ("1 TestKit disable thread sanity checking; 1 TestKit enable thread sanity checking",
             step([&] {
               for (bool const off : {true, true, false}) root->threadSanityDisabledIs(off);
             }));
 }
 
 TEST_F(StepsTest, ofATimerTask) {
-  auto const t = make<DoTimer>("t");
-  EXPECT_EQ("tn inf: 9 Timer stopped t, was not running; ", step(*t, [&] { t->stopTimerTask(); }));
-  EXPECT_EQ("Tn 2: timerStart t; busy       t; 8 Timer started t delay 2000ms; ",
-            step(*t, [&] { t->scheduleTaskDelay(2s); }));
-  EXPECT_EQ("Tn 0.25: timerStart t; 8 Timer started t delay 0.25; ",
-            step(*t, [&] { t->scheduleTaskDelay(0.25); }));
-  EXPECT_EQ("Tn 5: timerStart t; 8 Timer started t delay 5; ",
-            step(*t, [&] { t->scheduleTaskDelay(5.0); }));
-  EXPECT_EQ("Tn 5: 8 Timer already running t expire in 5000ms; ",
-            step(*t, [&] { t->scheduleTaskLowestDelay(6.0); }));
-  EXPECT_EQ("Tn 5: 8 Timer already running t expire in 5000ms; ",
-            step(*t, [&] { t->scheduleTaskLowestDelay(5s); }));
-  EXPECT_EQ("Tn 3: timerStart t; 8 Timer started t delay 3; ",
-            step(*t, [&] { t->scheduleTaskLowestDelay(3.0); }));
+  constexpr double kForever = std::numeric_limits<double>::infinity();
+  auto const t = make<DoTimer>("t"), other = make<DoTimer>("other");
+  other->scheduleTask();
+  auto const delay = [&](auto d) { return of(*t, [&] { t->scheduleTaskDelay(d); }); };
+  auto const lowest = [&](auto d) { return of(*t, [&] { t->scheduleTaskLowestDelay(d); }); };
+  EXPECT_EQ("tn: 9 Timer stopped t, was not running", of(*t, [&] { t->stopTimerTask(); }));
+  EXPECT_EQ(DoTimer::TimePoint::max(), t->currentExpirationTime());
+  EXPECT_EQ("Tn: timerStart t; busy       t; 8 Timer started t delay 5", delay(5.0));
+  EXPECT_EQ("Tn: 8 Timer already running t expire in 5000ms", lowest(6.0));
+  EXPECT_EQ("Tn: 8 Timer already running t expire in 5000ms", lowest(5s));
+  EXPECT_EQ("Tn: timerStart t; 8 Timer started t delay 3", lowest(3.0));
+  EXPECT_EQ(root->timerExpiry(*t), t->currentExpirationTime());
   EXPECT_EQ(
-      "Tn 4: timerStart t; 9 Timer jitterUp t delay 4000ms + 0ns = 4000ms; 8 Timer started t delay "
-      "4000ms; ",
-      step(*t, [&] { t->scheduleTaskJitterUp(4s, 0); }));
+      "Tn: timerStart t; 9 Timer jitterUp t delay 4000ms + 0ns = 4000ms; 8 Timer started t delay "
+      "4000ms",
+      of(*t, [&] { t->scheduleTaskJitterUp(4s, 0); }));
   EXPECT_EQ(
-      "Tn 0.5: timerStart t; 9 Timer jitterDown t delay 0.5 - 0 = 0.5; 8 Timer started t delay "
-      "0.5; ",
-      step(*t, [&] { t->scheduleTaskJitterDown(0.5, 0); }));
-  EXPECT_EQ("tn inf: timerStop  t; idle       t; 9 Timer stopped t, was running; ",
-            step(*t, [&] { t->scheduleTaskDelay(kForever); }));
+      "Tn: timerStart t; 9 Timer jitterDown t delay 0.5 - 0 = 0.5; 8 Timer started t delay 0.5",
+      of(*t, [&] { t->scheduleTaskJitterDown(0.5, 0); }));
+  EXPECT_EQ("tn: timerStop  t; idle       t; 9 Timer stopped t, was running", delay(kForever));
   t->scheduleTaskDelay(1s);
-  EXPECT_EQ("tn inf: timerStop  t; idle       t; 9 Timer stopped t, was running; ",
-            step(*t, [&] { t->scheduleTaskDelay(std::chrono::nanoseconds::max()); }));
+  t->scheduleTaskDelay(std::chrono::nanoseconds::max());
+  EXPECT_FALSE(t->timerRunning());
   t->scheduleTaskDelay(1s);
-  EXPECT_EQ(
-      "tN inf: schedule   t; schedulerRunnable TestKit; 8 Scheduled t; 8 TestKit Scheduler has "
-      "runnable tasks, request run; ",
-      step(*t, [&] { t->scheduleTaskDelay(0ns); }));
-  EXPECT_EQ("tN inf: 8 Already on runQueue t; ", step(*t, [&] { t->scheduleTaskLowestDelay(1s); }));
-  EXPECT_EQ("Tn 2: unschedule t; timerStart t; 8 Unscheduled t; 8 Timer started t delay 2000ms; ",
-            step(*t, [&] { t->scheduleTaskDelay(2s); }));
-  EXPECT_EQ("tN inf: schedule   t; 8 Scheduled t; ",
-            step(*t, [&] { t->scheduleTaskDelay(std::nan("")); }));
-  EXPECT_EQ(
-      "tn inf: unschedule t; idle       t; 9 Timer stopped t, was not running; 8 Unscheduled t; ",
-      step(*t, [&] { t->scheduleTaskJitterUp(kForever, 200); }));
+  EXPECT_EQ("tN: schedule   t; 8 Scheduled t", delay(0ns));
+  EXPECT_EQ(std::chrono::steady_clock::now(), t->currentExpirationTime());
+  EXPECT_EQ("tN: 8 Already on runQueue t", lowest(1s));
+  EXPECT_EQ("Tn: unschedule t; timerStart t; 8 Unscheduled t; 8 Timer started t delay 2000ms",
+            delay(2s));
+  EXPECT_EQ("tN: schedule   t; 8 Scheduled t", delay(std::nan("")));
+  EXPECT_EQ("tn: unschedule t; idle       t; 9 Timer stopped t, was not running; 8 Unscheduled t",
+            of(*t, [&] { t->scheduleTaskJitterUp(kForever, 200); }));
   t->scheduleTaskDelay(1s);
-  EXPECT_EQ("tN inf: schedule   t; 8 Scheduled t; ", step(*t, [&] { t->scheduleTask(); }));
-  EXPECT_EQ(
-      "tn inf: run start  t; run end    t; idle       t; 8 Running t; 7 Ran t used 0ns; 8 TestKit "
-      "Scheduler completed task, request run; ",
-      step(*t, [&] { turn(); }));
+  t->taskRunFromTest();
+  EXPECT_FALSE(t->timerRunning());
   t->scheduleTaskDelay(1s);
-  EXPECT_EQ(
-      "tn inf: schedulerIdle TestKit; schedule   t; schedulerRunnable TestKit; run start  t; run "
-      "end    t; idle       t; schedulerIdle TestKit; 8 TestKit Scheduler idle; 8 Scheduled t; 8 "
-      "TestKit Scheduler has runnable tasks, request run; 8 Running t; 7 Ran t used 0ns; 8 TestKit "
-      "Scheduler completed task, request run; 8 TestKit Scheduler idle; ",
-      step(*t, [&] { root->runFor(1s); }));
-  t->scheduleTaskDelay(1s);
-  EXPECT_EQ("tn inf: run start  t; run end    t; idle       t; 8 Running t; 7 Ran t used 0ns; ",
-            step(*t, [&] { t->taskRunFromTest(); }));
-  t->scheduleTaskDelay(1s);
-  EXPECT_EQ("Sn 1: suspendOn  t; 1 Suspend t; ",
-            step(*t, [&] { t->taskSuspendedForTestIs(true); }));
-  EXPECT_EQ("Sn inf: scheduleSust; idle       t; ", step(*t, [&] { root->runFor(1s); }));
-  std::string during;
-  t->work = [&](DoTimer& self) {
-    self.scheduleTask();
-    during = self.getStats().taskStatusString();
+  EXPECT_EQ("Sn: suspendOn  t; 1 Suspend t", of(*t, [&] { t->taskSuspendedForTestIs(true); }));
+  root->runUntilIdle();
+  EXPECT_EQ("Sn: scheduleSust; idle       t", of(*t, [&] { root->runFor(1s); }));
+  t->work = [this](DoTimer& self) {
+    EXPECT_EQ("*N: schedule   t; 8 Scheduled t", of(self, [&] { self.scheduleTask(); }));
   };
   t->taskSuspendedForTestIs(false);
   turn();
-  EXPECT_EQ("*N", during);
 }
 
-TEST_F(StepsTest, ofADescriptorTask) {
-  auto task = make<Pipe>("p");
+TEST_F(StepsTest, ofADescriptorTaskAndOfAControl) {
+  auto const task = make<Pipe>("p");
+  make("other")->scheduleTask();
   task->taskWatchReadableIs(true);
   task->taskWatchWritableIs(true);
-  EXPECT_EQ(
-      "schedule   p:read; schedulerRunnable TestKit; busy       p:read; busy       p; 8 Scheduled "
-      "p:read; 8 TestKit Scheduler has runnable tasks, request run; ",
-      step([&] { task->handleReadable(); }));
-  EXPECT_EQ("", step([&] { task->handleReadable(); }));
-  EXPECT_EQ("schedule   p:write; busy       p:write; 8 Scheduled p:write; ",
+  auto const readable = [&] { task->handleReadable(), task->handleReadable(); };
+  EXPECT_EQ("schedule   p:read; busy       p:read; busy       p; 8 Scheduled p:read",
+            step(readable));
+  EXPECT_EQ("schedule   p:write; busy       p:write; 8 Scheduled p:write",
             step([&] { task->handleWritable(); }));
-  EXPECT_EQ("unschedule p:read; idle       p:read; 8 Unscheduled p:read; ",
+  EXPECT_EQ("unschedule p:read; idle       p:read; 8 Unscheduled p:read",
             step([&] { task->taskWatchReadableIs(false); }));
   EXPECT_TRUE(task->taskScheduled() && task->taskScheduledWritable() && task->taskBusy());
-  EXPECT_FALSE(task->taskScheduledReadable());
   EXPECT_EQ("", step([&] { task->taskWatchReadableIs(true); }));
-  EXPECT_EQ("unschedule p:write; idle       p:write; idle       p; 8 Unscheduled p:write; ",
+  EXPECT_EQ("unschedule p:write; idle       p:write; idle       p; 8 Unscheduled p:write",
             step([&] { task->taskWatchWritableIs(false); }));
-  EXPECT_EQ(
-      "delete     p:write; delete     p:read; 4 TestKit Unregister p:write; 4 TestKit Unregister "
-      "p:read; ",
-      step([&] { task.reset(); }));
+
+  Callback back([] { throw 1; });
+  back.answer = true;
+  auto const control = Platform::getCallbackControl(&back, root, TaskPriority::low, "c");
+  control->requestCallback();
+  EXPECT_THAT(step([&] { turn(); }),
+              testing::HasSubstr("; 9 c Callback notification exception was handled; "));
 }
 
 TEST_F(StepsTest, ofAGroup) {
   auto const group = TaskGroup::TaskGroupIs("g", TaskPriority::high, false, root);
   std::shared_ptr<DoTask> a, b;
-  EXPECT_EQ("create     a; 4 g Register a; ",
+  EXPECT_EQ("create     a; 4 g Register a",
             step([&] { a = std::make_shared<DoTask>(group, TaskPriority::normal, "a"); }));
   b = std::make_shared<DoTask>(group, TaskPriority::absolute, "b");
+  Platform::clearVeltroDebug("TaskScheduler/1-9");
   for (unsigned round = 1; round < 3; ++round) {  // also when the group has been idle
     a->scheduleTask();
     b->scheduleTask();
-    Platform::clearVeltroDebug("TaskScheduler/1-9");
     EXPECT_EQ(
         "run start  TaskGroup;g; run start  b; run end    b; idle       b; schedule   TaskGroup;g; "
-        "run start  a; run end    a; idle       a; schedulerIdle g; run end    TaskGroup;g; ",
+        "run start  a; run end    a; idle       a; schedulerIdle g; run end    TaskGroup;g",
         step([&] { turn(); }));
-    TaskStat const parent = [&] {
-      std::vector<TaskStat> stats;
-      root->getTaskStats(&stats, true);
-      return stats.at(0);
-    }();
-    EXPECT_EQ(2u, parent.taskWorkCountHighWaterMark());
-    EXPECT_EQ(2u * round, parent.taskWorkCountTotal());
-    EXPECT_EQ(0u, parent.taskLastWorkPending());
+    std::vector<TaskStat> stats;
+    root->getTaskStats(&stats, true);
+    EXPECT_EQ(2u * round, stats[0].taskWorkCountTotal());
     EXPECT_EQ(
         "run start  TaskGroup;g; run end    TaskGroup;g; idle       TaskGroup;g; schedulerIdle "
-        "TestKit; ",
+        "TestKit",
         step([&] { root->runUntilIdle(); }));  // once more, for the books
     EXPECT_EQ(2 * round, group->parentTaskRunCount());
   }

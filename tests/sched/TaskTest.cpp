@@ -1,62 +1,65 @@
-#include <numeric>
-
 #include "SchedSupport.h"
 
 namespace Veltro {
 namespace {
-using testing::ElementsAre;
 using TaskTest = SchedTest;
 
-TEST_F(TaskTest, figuresOfRunsAreKeptFoldedByNameAtDeathAndCleared) {
-  auto const run = [&](std::shared_ptr<DoTask> const& task) {
+TEST(TaskPriorityTest, forms) {
+  std::ostringstream forms;
+  for (unsigned value = 0; value < 6; ++value) {
+    TaskPriority const priority(value);
+    forms << priority << ' ' << priority.toStrep() << ' ' << priority.oneCharString() << ' ';
+  }
+  EXPECT_EQ(
+      "absolute absolute A high high H normal normal N low low L scavenge scavenge S "
+      "oneBeyondLast oneBeyondLast - ",
+      forms.str());
+  TaskPriority const six(6), most(256);
+  EXPECT_EQ("invalidPriority=6", (std::ostringstream() << std::hex << six).str());
+  EXPECT_EQ("unexpected priority value 6", assertionOf([&] { six.toStrep(); }));
+  EXPECT_EQ("unexpected priority 255", assertionOf([&] { most.oneCharString(); }));
+}
+
+TEST_F(TaskTest, figuresOfRunsAreKeptClearedAndFoldedByNameAtDeath) {
+  auto task = make("stats", TaskPriority::normal, taking(100ms));
+  auto const run = [&] {
     task->scheduleTask();
     outside.nowNs += 2000000;
     turn();
   };
-  auto task = make("stats", TaskPriority::normal, taking(100ms));
-  task->taskQuantumIs(10ms);
-  run(task);
-  EXPECT_EQ(2ms, root->maxSchedulerLatency());
-  turn();
-  task->scheduleTask();
-  task->unscheduleTask();
-  task->taskWorkCountInc(3);
-  task->taskWorkPendingIs(4);
-  EXPECT_EQ(
-      "stats n dead 0 runs 1 time 100 most 100 late 0 most 2 over 0+1 work 3 average 3 mark 3 "
-      "pending 4 mark 4",
-      figures(task->getStats()));
-  task.reset();
-  for (TaskPriority const priority : {TaskPriority::low, TaskPriority::normal}) {
-    auto const renamed = make("another", priority, taking(1ms));
-    renamed->taskStatsNameIs("stats");
-    run(renamed);
-  }
-  std::vector<TaskStat> dead;
-  make("idle");
-  EXPECT_EQ(1u, root->getDeadTaskStats(&dead, false));
-  ASSERT_EQ(1u, dead.size());
-  EXPECT_EQ(
-      "stats n dead 3 runs 3 time 102 most 100 late 2 most 2 over 0+1 work 3 average 0 mark 3 "
-      "pending 0 mark 4",
-      figures(dead[0]));
-  EXPECT_EQ(3u, root->deadTasksPerPriority(TaskPriority::normal));
-  EXPECT_EQ(1u, root->deadTasksPerPriority(TaskPriority::low));
-
-  task = make("cleared", TaskPriority::normal, taking(40ms));
   unsigned told = 0;
   task->onReset = [&] { ++told; };
-  task->taskQuantumIs(5ms);
-  run(task);
-  task->taskWorkCountInc(3);
-  task->taskWorkPendingIs(4);
-  task->resetStats();
-  EXPECT_EQ(
-      "cleared n dead 0 runs 0 time 0 most 0 late 0 most 0 over 0+0 work 0 average 0 mark none "
-      "pending 0 mark none",
-      figures(task->getStats()));
-  EXPECT_EQ(5ms, task->taskQuantum());
-  EXPECT_EQ(1u, told);
+  task->taskQuantumIs(30ms);
+  for (int round = 0; round < 2; ++round) {
+    run();
+    EXPECT_EQ(2ms, root->maxSchedulerLatency());
+    turn();
+    task->scheduleTask();
+    task->unscheduleTask();
+    task->taskWorkCountInc(9);
+    task->taskWorkPendingIs(9);
+    EXPECT_EQ("stats n 1 0.100 0.000 0.002 1 0 100 0 9 9.0 9 9 9", figures(task->getStats()));
+    task->resetStats();
+    EXPECT_EQ("stats n 0 0.000 0.000 0.000 0 0 0 0 - - - - -", figures(task->getStats()));
+  }
+  EXPECT_EQ(2u, told);
+  EXPECT_EQ(30ms, task->taskQuantum());
+  for (U32 const work : {0u, 3u, 2u, 0u}) {  // none, the first, a smaller one, none
+    run();
+    if (work != 0) {
+      task->taskWorkCountInc(work);
+      task->taskWorkPendingIs(work);
+    }
+    task = make("another", work == 3 ? TaskPriority::low : TaskPriority::normal, taking(1ms));
+    task->taskStatsNameIs("stats");
+  }
+  make("idle");
+  std::vector<TaskStat> dead;
+  EXPECT_EQ(1u, root->getDeadTaskStats(&dead, false));
+  ASSERT_EQ(1u, dead.size());
+  EXPECT_EQ("stats n 4 0.103 0.002 0.002 1 0 100 4 5 0.0 3 0 3", figures(dead[0]));
+  EXPECT_EQ(4u, root->deadTasksPerPriority(TaskPriority::normal));
+  EXPECT_EQ(1u, root->deadTasksPerPriority(TaskPriority::low));
 }
 
 TEST_F(TaskTest, quantumViolationsAreCountedByTheirSize) {
@@ -75,33 +78,30 @@ TEST_F(TaskTest, quantumViolationsAreCountedByTheirSize) {
 TEST_F(TaskTest, workFigures) {
   struct {
     char const* name;
-    std::vector<U64> counts;
+    U64 first, second;
     float average;
     U32 mark;
   } const rows[] = {
-      {"none", {}, 0, 4294967295},
-      {"the first is the average", {7}, 7, 7},
-      {"a tenth of the newest", {7, 17}, 8, 17},
-      {"zero is a sample", {0}, 0, 0},
-      {"smaller counts leave the mark", {9, 1}, 8.2F, 9},
-      {"the mark is capped", {4294967295}, 4294967296.0F, 4294967294},
-      {"a count past 32 bits keeps its low ones", {9, (1ull << 32) + 3}, 429496737.6F, 3},
+      {"a tenth of the newest", 7, 17, 8, 17},
+      {"zero is a sample", 0, 0, 0, 0},
+      {"smaller counts leave the mark", 9, 1, 8.2F, 9},
+      {"the mark is capped", 9, 4294967295, 429496737.6F, 4294967294},
+      {"a count past 32 bits keeps its low ones", 9, (1ull << 32) + 3, 429496737.6F, 3},
   };
   for (auto const& row : rows) {
-    SCOPED_TRACE(row.name);
     auto const task = make("t");
-    for (U64 n : row.counts) task->taskWorkCountInc(n);
-    EXPECT_EQ(std::accumulate(row.counts.begin(), row.counts.end(), U64{0}),
-              task->taskWorkCountTotal());
-    EXPECT_FLOAT_EQ(row.average, task->taskWorkCountDecayAvg());
-    EXPECT_EQ(row.mark, task->taskWorkCountHighWaterMark());
+    task->taskWorkCountInc(row.first);
+    EXPECT_EQ(static_cast<float>(row.first), task->taskWorkCountDecayAvg());
+    task->taskWorkCountInc(row.second);
+    EXPECT_FLOAT_EQ(row.average, task->taskWorkCountDecayAvg()) << row.name;
+    EXPECT_EQ(row.mark, task->taskWorkCountHighWaterMark()) << row.name;
+    EXPECT_EQ(row.first + row.second, task->taskWorkCountTotal());
   }
   auto const task = make("t");
-  for (U32 n : {0u, 5u, 2u}) task->taskWorkPendingIs(n);
-  EXPECT_EQ(2u, task->taskWorkPending());
-  EXPECT_EQ(5u, task->taskWorkPendingHighWaterMark());
-  task->taskWorkPendingIs(4294967295);
-  EXPECT_EQ(4294967294u, task->taskWorkPendingHighWaterMark());
+  for (auto const& [pending, mark] : {std::pair{0u, 0u}, {5u, 5u}, {2u, 5u}, {~0u, ~0u - 1}}) {
+    task->taskWorkPendingIs(pending);
+    EXPECT_EQ(mark, task->taskWorkPendingHighWaterMark());
+  }
 }
 
 TEST_F(TaskTest, shouldYieldLooksAtTheClockOnlyNowAndThen) {
@@ -112,31 +112,21 @@ TEST_F(TaskTest, shouldYieldLooksAtTheClockOnlyNowAndThen) {
     // Half a millisecond of processor time has to pass before the next look.
     while (!self.taskShouldYield()) ++answers;
     EXPECT_TRUE(self.taskShouldYield());  // no checkpoint after a yes: looks again
+    self.taskForceYieldInTestIs(true);
+    EXPECT_TRUE(self.taskShouldYield() && self.taskShouldYield()) << "asked again at once";
+    outside.nowNs += 1000000000;
   });
   for (int run = 0; run < 3; ++run) {
     answers = 0;
     outside.clockReads = 0;
-    task->scheduleTask();
-    turn();
-    EXPECT_GE(answers, 1u);
+    task->taskForceYieldInTestIs(false);
+    task->taskRunFromTest();
   }
   EXPECT_GT(answers, 100u);
-  EXPECT_LT(outside.clockReads, 10u);
+  EXPECT_LT(outside.clockReads, 12u);
   EXPECT_EQ("taskCurrentlyRunning: 0 taskRunCount: 3",
             assertionOf([&] { task->taskShouldYield(); }));
-  EXPECT_TRUE(make("never ran")->taskShouldYield());
-}
-
-TEST_F(TaskTest, forcedYieldIsAQuantumOfZero) {
-  auto const task = make("t", TaskPriority::normal, [this](DoTask& self) {
-    EXPECT_FALSE(self.taskShouldYield());
-    self.taskForceYieldInTestIs(true);
-    EXPECT_TRUE(self.taskShouldYield()) << "asked again at once";
-    outside.nowNs += 1000000000;
-  });
-  task->taskRunFromTest();
-  EXPECT_EQ(0u, task->getStats().taskQuantumViolation500());
-  EXPECT_EQ(0ns, task->taskQuantum());
+  EXPECT_EQ(0u, task->getStats().taskQuantumViolation500()) << "no quantum, no violation";
   task->taskQuantumIs(0ns);  // no change, no complaint
 }
 

