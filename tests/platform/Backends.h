@@ -59,13 +59,11 @@ struct Timeout final : Platform::TimeoutHandler {
     if (onTimeout) onTimeout();
   }
   bool handleTimeoutException() override {
-    ++asked;
     if (onAsked) onAsked();
     return answer;
   }
   std::function<void()> onTimeout, onAsked;
   int calls = 0;
-  int asked = 0;
   bool answer = false;
 };
 

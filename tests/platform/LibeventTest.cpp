@@ -1,218 +1,140 @@
 // What is libevent's alone: bases, its log and fatal errors, fast forward, threads that end.
-#include <event2/event.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <pthread.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <cmath>
-#include <cstdio>
-#include <cstdlib>
 #include <sstream>
-#include <string>
-#include <utility>
 
-#include "Veltro/Debug.h"
-#include "Veltro/Exception.h"
 #include "tests/platform/Backends.h"
 #include "tests/support/Asserts.h"
+#include "tests/support/Child.h"
 
 namespace Veltro {
 namespace {
 
 constexpr char const* kFile = "Veltro/LibeventFactoryCpp";
 
-/// Each test starts and ends without a base, and has two connected sockets.
+/// Each test starts and ends without a base.
 struct LibeventTest : testing::Test {
-  LibeventTest() {
-    leFree();
-    EXPECT_EQ(0, ::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends));
-  }
-  ~LibeventTest() override {
-    setFastForward(false);
-    leFree();
-    for (int const end : ends) ::close(end);
-  }
-  static void setFastForward(bool on) {
-    leInit();
-    setLeFastForward(on);
-  }
-  int ends[2] = {-1, -1};
+  LibeventTest() { leFree(); }
+  ~LibeventTest() override { leFree(); }
 };
 
-TEST_F(LibeventTest, aBaseIsMadeOnceAndForgottenWhenFreed) {
-  EXPECT_FALSE(leInitialized());
-  leFree();
-  Timeout handler;
-  getLeTimerControl(&handler);
-  EXPECT_TRUE(leInitialized());
-  leInit();
-  leFree();
-  EXPECT_FALSE(leInitialized());
+TEST_F(LibeventTest, aThreadHasOneBaseAtATime) {
   EXPECT_EQ(1, doLeEventLoop()) << "makes one, which has nothing to do";
   EXPECT_TRUE(leInitialized());
-}
-
-TEST_F(LibeventTest, aSecondBaseIsRefused) {
+  leFree();
+  leFree();
+  EXPECT_FALSE(leInitialized());
   event_base* const own = event_base_new();
   event_base* const other = event_base_new();
   leRegisterBase(own);
+  leInit();
   EXPECT_NO_THROW(leRegisterBase(own));
   std::ostringstream text;
   text << "Tried to register a base:" << static_cast<void*>(other)
        << " but a thread_local  base already exists: " << static_cast<void*>(own);
   EXPECT_THAT([=] { leRegisterBase(other); }, asserts(kFile, "leRegisterBase", text.str()));
-  EXPECT_THROW(leRegisterBase(nullptr), AssertException);
   leFree();
+  EXPECT_THROW(leRegisterBase(nullptr), AssertException);
   EXPECT_NO_THROW(leRegisterBase(other));
 }
 
 TEST_F(LibeventTest, anAdoptedBaseMayBeRunByItsOwner) {
   event_base* const own = event_base_new();
   leRegisterBase(own);
-  Timeout handler;
+  Timeout handler([] { throw 7; });
   auto const timer = getLeTimerControl(&handler);
-  timer->setTimeout(0);
-  EXPECT_EQ(1, event_base_dispatch(own));
-  EXPECT_EQ(1, handler.calls);
-  handler.onTimeout = [] { throw 7; };
   timer->setTimeout(0);
   EXPECT_THROW(event_base_dispatch(own), int) << "nobody else would hear of it";
 }
 
+// A descriptor is watched for reads from the start, and anew when it is bound after clearEvents().
 TEST_F(LibeventTest, controlsOutliveTheirBase) {
   Timeout handler;
   FdEvents events;
   auto timer = getLeTimerControl(&handler);
   auto fd = getLeFdControl(&events);
-  timer->setTimeout(0);
-  fd->setWrites(true);
-  fd->setFd(ends[1]);
-  events.onWrite = [&](int) { fd->delFd(); };
-  leFree();
-  EXPECT_TRUE(std::isinf(timer->remainingTimeout()));
-  fd->setReads(false);
-  fd->setFd(ends[1]);
-  timer->setTimeout(0);
-  EXPECT_EQ(1, doLeEventLoop());
-  EXPECT_EQ(1, handler.calls);
-  EXPECT_EQ(1, events.writes);
-  timer->setTimeout(0);
-  leFree();
+  events.onRead = [&](int) { fd->clearEvents(); };
+  int ends[2];
+  ASSERT_EQ(0, ::pipe(ends));
+  EXPECT_EQ(1, ::write(ends[1], "x", 1));
+  for (int const round : {1, 2}) {
+    timer->setTimeout(0);
+    fd->setFd(ends[0]);
+    EXPECT_EQ(1, doLeEventLoop());
+    EXPECT_EQ(round, handler.calls);
+    EXPECT_EQ(round, events.reads);
+    timer->setTimeout(0);
+    fd->setReads(true);
+    leFree();
+    EXPECT_TRUE(std::isinf(timer->remainingTimeout()));
+  }
   timer.reset();
   fd.reset();
   EXPECT_FALSE(leInitialized());
-}
-
-TEST_F(LibeventTest, readsAreOnFromTheStart) {
-  FdEvents events;
-  auto const fd = getLeFdControl(&events);
-  events.onRead = [&](int) { fd->clearEvents(); };
-  EXPECT_EQ(1, ::write(ends[1], "x", 1));
-  fd->setFd(ends[0]);
-  EXPECT_EQ(1, doLeEventLoop());
-  EXPECT_EQ(1, events.reads);
-  EXPECT_EQ(ends[0], fd->getFd());
-  fd->setFd(ends[0]);
-  EXPECT_EQ(1, doLeEventLoop());
-  EXPECT_EQ(2, events.reads) << "a descriptor bound after clearEvents is watched as before";
+  for (int const end : ends) ::close(end);
 }
 
 using LibeventDeathTest = LibeventTest;
-
-void breakARuleOfLibevent() {
-  leFree();
-  event_enable_debug_mode();
-  leInit();
-  event_base* const base = event_base_new();
-  event timer;
-  evtimer_assign(
-      &timer, base, [](int, short, void*) {}, nullptr);
-  timeval const delay = {100, 0};
-  event_add(&timer, &delay);
-  try {
-    evtimer_assign(
-        &timer, base, [](int, short, void*) {}, nullptr);
-  } catch (AssertException const& e) {
-    std::fputs(e.message().c_str(), stderr);
-    std::_Exit(7);
-  }
-}
 
 TEST_F(LibeventDeathTest, aDescriptorThatCannotBeBoundEndsTheProcess) {
   FdEvents events;
   auto const fd = getLeFdControl(&events);
   EXPECT_DEATH(fd->setFd(-1), "flags >= 0");
-  int const closed = ::dup(0);
-  ::close(closed);
-  EXPECT_DEATH(fd->setFd(closed), "flags >= 0");
   int const path = ::open("/", O_PATH | O_CLOEXEC);  // refuses F_SETFL
   EXPECT_DEATH(fd->setFd(path), "result == 0");
   ::close(path);
 }
 
-TEST_F(LibeventDeathTest, fatalErrorsAssert) {
+TEST_F(LibeventTest, fatalErrorsAssert) {
   EXPECT_THAT([] { le_fatal_cb(-3); }, asserts(kFile, "le_fatal_cb", "libevent fatal error:-3"));
-  // And by libevent itself, which would end the process: in a process that starts anew, since its
-  // checks must be on before anything else.
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
-  EXPECT_EXIT(breakARuleOfLibevent(), testing::ExitedWithCode(7),
-              "le_fatal_cb:[0-9]+: libevent fatal error:-?[0-9]+");
-}
-
-TEST_F(LibeventTest, fastForwardIsForTheEndOfARunTooAndEndsWhenSwitchedOff) {
-  std::string order;
-  Timeout a([&] { order += 'a'; }), b([&] { order += 'b'; });
-  auto const ta = getLeTimerControl(&a), tb = getLeTimerControl(&b);
-  setFastForward(true);
-  for (double const unit : {0.25, 100.0, 1e8}) {
-    ta->setTimeout(3 * unit);
-    tb->setTimeout(2 * unit);
-    EXPECT_EQ(0, doLeEventLoop(unit));
-    EXPECT_EQ("ba", std::exchange(order, ""));
-  }
-  setFastForward(false);
-  ta->setTimeout(1000);
-  EXPECT_EQ(0, doLeEventLoop(0.01));
-  EXPECT_GT(ta->remainingTimeout(), 900) << "switched off, time is real";
-}
-
-TEST_F(LibeventTest, onlyTheMainThreadSwitchesFastForward) {
-  LibeventBackend::run([] {
-    leInit();
-    EXPECT_THAT([] { setLeFastForward(true); },
-                asserts(kFile, "setLeFastForward", "FastForward invoked from non-main thread"));
-    EXPECT_FALSE(leFastForward());
+  inChild([] {
+    limitIs(RLIMIT_NOFILE, 0);
+    EXPECT_THROW(leInit(), AssertException) << "libevent would end the process";
+    EXPECT_FALSE(leInitialized());
   });
 }
 
-/// Runs a loop whose handler ends the thread by itself.
-void* threadThatEnds(void* endThread) {
-  struct Freer {
-    ~Freer() { leFree(); }
-  } const freer;
-  Timeout handler(reinterpret_cast<void (*)()>(endThread));
+TEST_F(LibeventTest, fastForwardIsTheMainThreadsAndForTheEndOfARunToo) {
+  Timeout handler;
   auto const timer = getLeTimerControl(&handler);
-  timer->setTimeout(0);
-  doLeEventLoop();
-  return nullptr;
+  setLeFastForward(true);
+  for (double const unit : {0.25, 100.0, 1e8}) {
+    timer->setTimeout(3 * unit);
+    EXPECT_EQ(0, doLeEventLoop(unit));
+  }
+  EXPECT_EQ(3, handler.calls);
+  LibeventBackend::run([] {
+    leInit();
+    EXPECT_THAT([] { setLeFastForward(false); },
+                asserts(kFile, "setLeFastForward", "FastForward invoked from non-main thread"));
+    EXPECT_TRUE(leFastForward());
+  });
+  setLeFastForward(false);
+  timer->setTimeout(1000);
+  EXPECT_EQ(0, doLeEventLoop(0.01));
+  EXPECT_GT(timer->remainingTimeout(), 900) << "switched off, time is real";
 }
 
 TEST_F(LibeventTest, aThreadMayEndInsideAHandler) {
-  static int mark;
-  void (*const cancels)() = [] {
-    ::pthread_cancel(::pthread_self());
-    ::pthread_testcancel();
+  auto const loop = [](void* mark) -> void* {
+    struct Freer {
+      ~Freer() { leFree(); }
+    } const freer;
+    Timeout handler([mark] { ::pthread_exit(mark); });
+    auto const timer = getLeTimerControl(&handler);
+    timer->setTimeout(0);
+    doLeEventLoop();
+    return nullptr;
   };
-  void (*const exits)() = [] { ::pthread_exit(&mark); };
-  for (auto const end : {cancels, exits}) {
-    pthread_t thread;
-    void* result = nullptr;
-    ASSERT_EQ(0, ::pthread_create(&thread, nullptr, &threadThatEnds, reinterpret_cast<void*>(end)));
-    ASSERT_EQ(0, ::pthread_join(thread, &result));
-    EXPECT_EQ(end == cancels ? PTHREAD_CANCELED : &mark, result);
-  }
+  pthread_t thread;
+  void* result = nullptr;
+  ASSERT_EQ(0, ::pthread_create(&thread, nullptr, loop, &result));
+  ASSERT_EQ(0, ::pthread_join(thread, &result));
+  EXPECT_EQ(&result, result);
 }
 
 }  // namespace
