@@ -8,7 +8,6 @@
 #include <cerrno>
 #include <cstring>
 #include <sstream>
-#include <utility>
 #include <vector>
 
 #include "Kiv/UmaskGuard.h"
@@ -56,17 +55,23 @@ bool staysBelow(std::string const& path) {
   return true;
 }
 
-int openDirectory(int at, char const* name, bool followLink) {
-  return ::openat(at, name, O_RDONLY | O_DIRECTORY | O_CLOEXEC | (followLink ? 0 : O_NOFOLLOW));
+// To pass through a directory takes no leave to list it.
+constexpr int kPass = O_PATH | O_DIRECTORY | O_CLOEXEC;
+constexpr int kList = O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW;
+
+OwnedFd openRoot(std::string const& root) { return OwnedFd(::open(root.c_str(), kPass)); }
+
+OwnedFd openBelow(int directory, std::string const& part) {
+  return OwnedFd(::openat(directory, part.c_str(), kPass | O_NOFOLLOW));
 }
 
 // Opens root and then each of `parts` below it, following links for the root only. On failure
 // the result is closed and errno says why.
 OwnedFd descend(std::string const& root, Components const& parts) {
-  OwnedFd fd(openDirectory(AT_FDCWD, root.c_str(), true));
+  OwnedFd fd = openRoot(root);
   for (auto const& part : parts) {
     if (fd.fd() < 0) break;
-    fd = OwnedFd(openDirectory(fd.fd(), part.c_str(), false));
+    fd = openBelow(fd.fd(), part);
   }
   return fd;
 }
@@ -85,9 +90,20 @@ bool makeBelow(OwnedFd fd, Components const& parts) {
   for (auto const& part : parts) {
     if (fd.fd() < 0) return false;
     if (::mkdirat(fd.fd(), part.c_str(), 0777) != 0 && errno != EEXIST) return false;
-    fd = OwnedFd(openDirectory(fd.fd(), part.c_str(), false));
+    fd = openBelow(fd.fd(), part);
   }
   return fd.fd() >= 0;
+}
+
+// Once more when a directory is gone between its making and its opening: cleanup() elsewhere takes
+// parents while they are empty.
+bool makeAll(std::string const& root, Components const& below) {
+  constexpr int kTries = 100;  // a root over a link to nowhere is never there
+  Kiv::UmaskGuard const window;
+  for (int tries = 1;; ++tries) {
+    if (makeRoot(root) && makeBelow(openRoot(root), below)) return true;
+    if (errno != ENOENT || tries == kTries) return false;
+  }
 }
 
 bool emptyDirectory(OwnedFd directory);
@@ -95,15 +111,14 @@ bool emptyDirectory(OwnedFd directory);
 bool removeEntry(int directory, char const* name) {
   if (::unlinkat(directory, name, 0) == 0 || errno == ENOENT) return true;
   if (errno != EISDIR && errno != EPERM) return false;
-  OwnedFd inner(openDirectory(directory, name, false));
-  if (inner.fd() < 0 || !emptyDirectory(std::move(inner))) return false;
+  if (!emptyDirectory(OwnedFd(::openat(directory, name, kList)))) return false;
   return ::unlinkat(directory, name, AT_REMOVEDIR) == 0 || errno == ENOENT;
 }
 
 // Removes all entries, the rest also when one of them refuses; errno is of the last refusal.
 bool emptyDirectory(OwnedFd directory) {
   int const fd = directory.fd();
-  DIR* const stream = ::fdopendir(fd);
+  DIR* const stream = fd < 0 ? nullptr : ::fdopendir(fd);
   if (stream == nullptr) return false;
   directory.release();  // the stream's from here on
   int failure = 0;
@@ -145,10 +160,7 @@ bool RootPath::exists() const {
 
 bool RootPath::create() {
   if (!valid_) return false;
-  Kiv::UmaskGuard const guard(0);
-  bool const made =
-      makeRoot(root_) && makeBelow(OwnedFd(openDirectory(AT_FDCWD, root_.c_str(), true)),
-                                   components(prefix_) + components(dirName_));
+  bool const made = makeAll(root_, components(prefix_) + components(dirName_));
   if (made) {
     VELTRO_TRACE(handler_, 5, "Created " << fullPath_);
   } else {
@@ -183,8 +195,9 @@ bool RootPath::cleanup() {
     VELTRO_TRACE(handler_, 1, "Refused to clean up " << fullPath_);
     return false;
   }
-  OwnedFd directory = descend(root_, components(prefix_) + below);
-  bool gone = directory.fd() < 0 ? errno == ENOENT : emptyDirectory(std::move(directory));
+  OwnedFd const directory = descend(root_, components(prefix_) + below);
+  bool gone = directory.fd() < 0 ? errno == ENOENT
+                                 : emptyDirectory(OwnedFd(::openat(directory.fd(), ".", kList)));
   // The directory itself must go; of its parents those that are empty.
   for (bool own = true; gone && !below.empty(); own = false) {
     std::string const name = below.back();

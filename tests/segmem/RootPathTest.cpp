@@ -1,11 +1,15 @@
 #include "Mem/RootPath.h"
 
 #include <gtest/gtest.h>
+#include <sys/fsuid.h>
 #include <sys/stat.h>
 
+#include <atomic>
 #include <filesystem>
 #include <fstream>
+#include <thread>
 
+#include "tests/support/Child.h"
 #include "tests/support/RecordingHandler.h"
 #include "tests/support/TempDir.h"
 
@@ -77,6 +81,31 @@ TEST_F(RootPathTest, makesAllParentsOpenToAllAndCleansUpItsOwnOnly) {
   EXPECT_TRUE(RootPath(handler, temp.path("root"), "p", "x/y", true).cleanup());
   EXPECT_TRUE(fs::exists(temp.path("root/p"))) << "the prefix stays";
   EXPECT_FALSE(RootPath(handler, temp.path("root"), "p", "", true).cleanup());
+}
+
+TEST_F(RootPathTest, isMadeWhileAnotherCleansUp) {
+  std::atomic<bool> done{false};
+  std::thread other([&] {
+    Veltro::RecordingHandler own;
+    while (!done) RootPath(own, temp.path(), "p", "a/b/other", true).cleanup();
+  });
+  for (int i = 0; i < 100; ++i) {
+    RootPath path(handler, temp.path(), "p", "a/b/own", true);
+    EXPECT_TRUE(path.valid());
+    path.cleanup();
+  }
+  done = true;
+  other.join();
+}
+
+TEST_F(RootPathTest, directoriesAboveNeedNotBeListed) {
+  ASSERT_EQ(0, ::chmod(temp.path().c_str(), 0333));
+  Veltro::inChild([this] {
+    ::setfsuid(65534);  // nobody's leave, not root's
+    RootPath path(handler, temp.path(), "p", "d", true);
+    EXPECT_TRUE(path.valid() && path.exists() && path.removeFile("x") && path.cleanup());
+  });
+  ::chmod(temp.path().c_str(), 0700);
 }
 
 }  // namespace

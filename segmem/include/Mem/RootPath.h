@@ -10,7 +10,7 @@ namespace Mem {
 ///
 /// The root belongs to the machine and may be reached over links. What lies below it is made,
 /// emptied and removed without following a link, so that nobody who may write there can lead
-/// these operations elsewhere.
+/// these operations elsewhere. To pass through a directory takes no leave to list it.
 ///
 /// Reports through the handler: level 5 what it does, level 1 what it could not do. Borrows the
 /// handler. Any thread; nothing is locked, nothing is kept open.
@@ -33,8 +33,8 @@ class MEM_API RootPath final {
 
   /// Whether the directory is there.
   bool exists() const;
-  /// Makes the directory and all missing parents, mode 0777 whatever the umask. True when it is
-  /// there afterwards; else errno says why.
+  /// Makes the directory and all missing parents, mode 0777 whatever the umask, also while others
+  /// make and clean up their own beside it. True when it is there afterwards; else errno says why.
   bool create();
   /// Removes one file in it; one that is missing counts as removed. "" and names with a slash
   /// or a zero byte are refused.
