@@ -151,7 +151,7 @@ void TreeIndex::_result(std::string const& message) {
 }
 
 void TreeIndex::_failed(std::string const& path, int errnum) {
-  index_.remove(path);
+  _remove(path);  // and what the worker may have opened before it was moved away
   unreadable_.insert(path);
   observer_.unreadable(path, errnum);
 }
