@@ -1,7 +1,11 @@
 #include <unistd.h>
 
-#include <cerrno>
+#include <set>
 
+#include "Kiv/Model.h"
+#include "Veltro/DirNode.h"
+#include "Veltro/Exception.h"
+#include "Veltro/RootPath.h"
 #include "tests/support/Asserts.h"
 #include "tests/support/StandardError.h"
 #include "tests/util/UtilTest.h"
@@ -9,95 +13,38 @@
 namespace Veltro {
 namespace {
 
-using testing::ElementsAre;
 using PathsTest = UtilTest;
+using DirNodeTest = UtilTest;
+using RootPathTest = UtilTest;
 
+// The fuzz target `paths` holds both operations to a reference.
 TEST_F(PathsTest, mkpathMakesWhatIsMissing) {
-  Util::touch(handler, folder.path("file"));
+  EXPECT_EQ(0, Util::mkpath(folder.path("s/t/u"), 02775));
+  EXPECT_EQ(02775u, mode(folder.path("s/t/u")));
+  EXPECT_EQ(02775u, mode(folder.path("s/t"))) << "parents too";
+  EXPECT_EQ(0, Util::mkpath(folder.path(), 0777));
+  EXPECT_EQ(0700u, mode(folder.path())) << "there already, not chmodded";
   ASSERT_EQ(0, ::symlink("/nowhere/at/all", folder.path("dangling").c_str()));
-  ASSERT_EQ(0, ::mkdir(folder.path("old").c_str(), 0700));
-  struct {
-    char const* name;
-    std::string path;
-    unsigned wanted;
-    int error;  // 0 for success
-    unsigned mode;
-    char const* parent;
-    unsigned parentMode;
-  } const cases[] = {
-      {"three levels", folder.path("a/b/c"), 0751, 0, 0751, "a/b", 0751},
-      {"set-id where parents were missing", folder.path("s/t/u"), 02775, 0, 02775, "s/t", 02775},
-      {"slash at the end", folder.path("d/e/"), 0770, 0, 0770, "d", 0770},
-      {"there already, not chmodded", folder.path("old"), 0777, 0, 0700, ".", 0700},
-      {"below a file", folder.path("file/x/y"), 0777, ENOTDIR, 0, "file", 0666},
-      {"below a dangling link", folder.path("dangling/x"), 0777, ENOENT, 0, "dangling", 0},
-      {"too long", folder.path(std::string(300, 'n')), 0777, ENAMETOOLONG, 0, ".", 0700},
-      {"empty", "", 0777, ENOENT, 0, ".", 0700},
-  };
-  for (auto const& c : cases) {
-    SCOPED_TRACE(c.name);
-    int const result = Util::mkpath(c.path, c.wanted);
-    EXPECT_EQ(c.error, result == 0 ? 0 : errno);
-    EXPECT_EQ(c.mode, mode(c.path));
-    EXPECT_EQ(c.parentMode, mode(folder.path(c.parent)));
-    EXPECT_EQ(027u, ::umask(027));
+  for (std::string const& path : {folder.path("dangling/x"), std::string()}) {
+    EXPECT_EQ(-1, Util::mkpath(path, 0777));
+    EXPECT_EQ(ENOENT, errno);
   }
 }
 
-TEST_F(PathsTest, theWorkingDirectoryMayBeDeepOrGone) {
+TEST_F(PathsTest, theWorkingDirectoryMayBeGone) {
   inChild([this] {
-    std::string deep = folder.path();
-    std::string const name(200, 'n');
-    ASSERT_EQ(0, ::chdir(deep.c_str()));
-    for (int i = 0; i < 30; ++i) {
-      ASSERT_EQ(0, Util::mkpath(name, 0700));
-      ASSERT_EQ(0, ::chdir(name.c_str()));
-      deep += "/" + name;
-    }
-    EXPECT_EQ(deep, Util::getCwd(handler));
-    ASSERT_EQ(0, ::rmdir(("../" + name).c_str()));
+    ASSERT_EQ(0, ::chdir(folder.path().c_str()));
+    EXPECT_EQ(folder.path(), Util::getCwd(handler));
+    ASSERT_EQ(0, ::rmdir(folder.path().c_str()));
     EXPECT_EQ(-1, Util::mkpath("x/y", 0777)) << "which is no endless loop";
-    EXPECT_EQ(ENOENT, errno);
     EXPECT_EQ("", Util::getCwd(handler));
     EXPECT_THAT(records(),
                 ElementsAre("0 Util::getCwd() getcwd()  failed: No such file or directory"));
   });
 }
 
-TEST_F(PathsTest, trimpathRemovesTheEmptyEnd) {
-  struct {
-    char const* name;
-    char const* made;
-    char const* stem;
-    char const* trailing;
-    int error;
-    char const* left;
-    char const* gone;
-  } const cases[] = {
-      {"two of three", "x/y/z", "x/", "y/z", 0, "x", "x/y"},
-      {"from its slash on", "x/y/z", "x", "/y/z", 0, "x", "x/y"},
-      {"slash at the end", "x/y/z", "x/", "y/z/", 0, "x", "x/y"},
-      {"half a name stays", "x/yy/z", "x/y", "y/z", 0, "x", "x/yy"},
-      {"the deepest is missing", "x/y", "x/", "y/z", 0, "x", "x/y"},
-      {"not empty", "x/y/z/more", "x/", "y/z", ENOTEMPTY, "x/y/z/more", "none"},
-  };
-  for (auto const& c : cases) {
-    SCOPED_TRACE(c.name);
-    TempDir own;
-    ASSERT_EQ(0, Util::mkpath(own.path(c.made), 0777));
-    int const result = Util::trimpath(own.path(c.stem) + c.trailing, c.trailing);
-    EXPECT_EQ(c.error, result == 0 ? 0 : errno);
-    EXPECT_NE(0u, mode(own.path(c.left)));
-    EXPECT_EQ(0u, mode(own.path(c.gone)));
-  }
-}
-
 TEST_F(PathsTest, trimpathRefusesInThisOrder) {
-  struct {
-    char const* absolute;
-    char const* trailing;
-    char const* text;
-  } const cases[] = {
+  char const* const cases[][3] = {
       {"", "", "absolute path is empty"},
       {"x/y", "", "absolute path is not absolute"},
       {"/x/y", "", "trailing path is empty"},
@@ -105,30 +52,102 @@ TEST_F(PathsTest, trimpathRefusesInThisOrder) {
       {"/x/y", "x", "trailing path is not a terminal substring of absolute path"},
   };
   for (auto const& c : cases) {
-    EXPECT_THAT([&c] { Util::trimpath(c.absolute, c.trailing); },
-                asserts("Veltro/UtilCpp", "trimpath", c.text));
+    EXPECT_THAT([&c] { Util::trimpath(c[0], c[1]); }, asserts("Veltro/UtilCpp", "trimpath", c[2]));
   }
 }
 
-TEST_F(PathsTest, stepsAreTracedUnderVeltroUtil) {
+TEST_F(PathsTest, trimpathRemovesTheEmptyEndAndTellsItsSteps) {
   std::string const x = folder.path("x");
-  Platform::setTraceFormat("%l %m");
-  Platform::setupVeltroDebug("VeltroUtil");
+  inChild([&x] {
+    Platform::setTraceFormat("%l %m");
+    Platform::setupVeltroDebug("VeltroUtil");
+    EXPECT_THAT(
+        standardError([&x] {
+          Util::mkpath(x + "/yy", 0750);
+          EXPECT_EQ(-1, Util::trimpath(x, "x"));
+          EXPECT_EQ(ENOTEMPTY, errno);
+          EXPECT_EQ(0, Util::trimpath(x + "/yy/z", "y/z"));
+        }),
+        ElementsAre("9 Util::::mkpath() creating path: " + x + "/yy mode: 750",
+                    "9 Util::::mkpath() creating path: " + x + " mode: 750",
+                    "9 Util::trimpath() removing dir " + x,
+                    "5 Util::trimpath() rmdir() error " + x + " reason: Directory not empty",
+                    "9 Util::trimpath() removing dir " + x + "/yy/z",
+                    "9 Util::trimpath() removing dir " + x + "/yy",
+                    "5 Util::trimpath() removed sub-tree y/z from absolute path " + x + "/yy/z"));
+  });
+  EXPECT_NE(0u, mode(x));
+  EXPECT_EQ(0u, mode(x + "/yy"));
+}
+
+TEST_F(DirNodeTest, readsAllEntriesStartsOverAndSaysWhatFails) {
+  std::string const path = folder.path("dir");
+  Util::touch(handler, path);
+  int const under = nextDescriptors()[0];
+  {
+    DirNode node(handler, path);
+    EXPECT_FALSE(node.isOpen() || node.readEntry() != nullptr || node.openDir());
+    EXPECT_THAT(records(),
+                ElementsAre("5 DirNode::DirNode() path: " + path,
+                            "1 DirNode::DirNode() failed to open " + path + " errno: 20",
+                            "5 DirNode::readEntry() path: " + path,
+                            "1 DirNode::readEntry() cannot read " + path +
+                                " because the directory is not open",
+                            "1 DirNode::openDir() failed to open " + path + " errno: 20"));
+    handler.enabledIs(5, false);
+    ::unlink(path.c_str());
+    Util::mkpath(path + "/b\nc", 0777);
+    for (int round = 0; round < 2; ++round) {
+      EXPECT_TRUE(node.openDir());
+      std::multiset<std::string> names;
+      errno = EIO;  // of before: the end is no error
+      while (dirent const* const entry = node.readEntry()) names.insert(entry->d_name);
+      EXPECT_THAT(names, ElementsAre(".", "..", "b\nc"));
+    }
+    ::dup2(0, under);  // its descriptor becomes something else, and is taken away
+    EXPECT_EQ(nullptr, node.readEntry());
+    ::close(under);
+    EXPECT_TRUE(node.openDir());
+    ::close(under);
+  }
   EXPECT_THAT(
-      standardError([&x] {
-        Util::mkpath(x + "/y", 0750);
-        Util::trimpath(x, "x");
-        Util::trimpath(x + "/y", "x/y");
-      }),
-      ElementsAre("9 Util::::mkpath() creating path: " + x + "/y mode: 750",
-                  "9 Util::::mkpath() creating path: " + x + " mode: 750",
-                  "9 Util::trimpath() removing dir " + x,
-                  "5 Util::trimpath() rmdir() error " + x + " reason: Directory not empty",
-                  "9 Util::trimpath() removing dir " + x + "/y",
-                  "9 Util::trimpath() removing dir " + x,
-                  "5 Util::trimpath() removed sub-tree x/y from absolute path " + x + "/y"));
-  Platform::clearVeltroDebug("VeltroUtil");
-  Platform::clearTraceFormat();
+      records(),
+      ElementsAre("1 DirNode::readEntry() failed to read " + path + " errno: 20",
+                  "1 DirNode::openDir() failed to close " + path + " before reopening. errno: 9",
+                  "1 DirNode::~DirNode() failed to close " + path + " errno: 9"));
+}
+
+TEST_F(RootPathTest, worksOnTheDirectoryAndIsTriedAgainUntilItIsReady) {
+  std::string const inTheWay = folder.path("shmem");
+  Util::touch(handler, inTheWay);
+  auto const path = rootPathBaseFactory(folder.path(), "shmem", "a", true);
+  EXPECT_FALSE(path->initialized());
+  EXPECT_TRUE(Util::fileRemove(handler, inTheWay));
+  path->handleInitialized();
+  EXPECT_TRUE(path->initialized() && path->exists());
+
+  std::string const file = path->fullPath("f").stdString();
+  EXPECT_EQ(inTheWay + "/a/f", file);
+  Util::touch(handler, file);
+  EXPECT_FALSE(path->removeFile("../a"));
+  EXPECT_TRUE(path->removeFile("f"));
+  EXPECT_FALSE(Util::fileExists(handler, file));
+  EXPECT_TRUE(path->cleanup());
+  path->handleInitialized();
+  EXPECT_FALSE(path->exists()) << "another platform object made the directory again";
+  EXPECT_TRUE(path->doCreate() && path->exists());
+}
+
+TEST_F(RootPathTest, isCalledByName) {
+  auto const path = rootPathFactory("counters/no such base/mgr", false);
+  EXPECT_TRUE(path->initialized()) << "missing, and not to be made";
+  Kiv::Reflection byName(*path);
+  EXPECT_EQ("Veltro::RootPath", byName.model().typeName());
+  EXPECT_EQ(Kiv::Value("/var/shmem/shmem/counters/no such base/mgr/f"),
+            byName.call("fullPath", {{"filename", "f"}}));
+  EXPECT_THROW(byName.attributeIs("root", "/"), Kiv::RangeException);
+  byName.call("handleDestruction");
+  EXPECT_THROW(path->fullPath(""), AssertException);
 }
 
 }  // namespace

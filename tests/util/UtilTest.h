@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <cerrno>
 #include <string>
 #include <utility>
 #include <vector>
@@ -13,6 +14,9 @@
 #include "tests/support/TempDir.h"
 
 namespace Veltro {
+
+using testing::Contains;
+using testing::ElementsAre;
 
 /// A folder, a recording handler, and the promise that the umask and all descriptors are left as
 /// they were.
