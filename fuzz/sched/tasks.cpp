@@ -189,12 +189,11 @@ class World {
 void Worker::taskExecute() { world.executed(*this); }
 
 }  // namespace
-}  // namespace Veltro::fuzz
 
-int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
-  using namespace Veltro::fuzz;
-  if (size > 2000) return -1;
-  Input input(data, size);
+int run(Input& input) {
+  if (input.size() > 2000) return -1;
   World(input).run();
   return 0;
 }
+
+}  // namespace Veltro::fuzz

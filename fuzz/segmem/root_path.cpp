@@ -2,7 +2,6 @@
 // the way.
 #include <filesystem>
 #include <fstream>
-#include <vector>
 
 #include "Mem/RootPath.h"
 #include "fuzz/support/Fuzz.h"
@@ -13,30 +12,23 @@ namespace fs = std::filesystem;
 namespace Veltro::fuzz {
 namespace {
 
-Platform::DebugHandler& handler() {
-  static auto& made = *Platform::getDebugHandler("Fuzz");
-  return made;
-}
+Platform::DebugHandler& handler = *Platform::getDebugHandler("Fuzz");
 
 /// A root with a file and a link that leads out of it, to a folder that nobody may touch.
 struct Scratch {
   Scratch() {
-    fs::create_directory(root);
     fs::create_directory(temp.path("outside"));
-    fs::create_directory_symlink(temp.path("outside"), root + "/link");
-    std::ofstream(root + "/file") << "kept";
     std::ofstream(temp.path("outside/precious")) << "kept";
   }
-  bool nothingOutsideHasChanged() const {
-    return entries(temp.path()) == 2 && entries(temp.path("outside")) == 1 &&
-           fs::file_size(temp.path("outside/precious")) == 4;
-  }
-  // The link and the file, if they were not the very thing to remove, are as they were.
-  void clear() const {
+  void begin() const {
     fs::remove_all(root);
     fs::create_directory(root);
     fs::create_directory_symlink(temp.path("outside"), root + "/link");
     std::ofstream(root + "/file") << "kept";
+  }
+  bool nothingOutsideHasChanged() const {
+    return entries(temp.path()) == 2 && entries(temp.path("outside")) == 1 &&
+           fs::file_size(temp.path("outside/precious")) == 4;
   }
   static long entries(std::string const& directory) {
     return std::distance(fs::directory_iterator(directory), fs::directory_iterator());
@@ -46,42 +38,35 @@ struct Scratch {
 };
 
 struct Reference {
-  std::string joined;
-  bool valid = true;
-
-  Reference& operator/(std::string const& path) {
-    for (Input parts(reinterpret_cast<std::uint8_t const*>(path.data()), path.size());
-         !parts.empty();) {
-      std::string const part = parts.until('/');
+  explicit Reference(std::string const& path) {
+    for (std::string const& part : split(path, '/')) {
       valid &= part != ".." && part.find('\0') == std::string::npos;
       if (!part.empty() && part != ".") joined += "/" + part;
     }
-    return *this;
   }
+  std::string joined;
+  bool valid = true;
 };
 
 void checkJoined(std::string const& root, std::string const& prefix, std::string const& directory,
                  std::string const& name) {
-  Reference reference;
-  reference / root / prefix / directory;
-  reference.valid &= root.substr(0, 1) == "/";
+  Reference const reference(root + "/" + prefix + "/" + directory);
   std::string const joined = reference.joined.empty() ? "/" : reference.joined;
-  Mem::RootPath const path(handler(), root, prefix, directory, false);
-  FUZZ_CHECK(path.valid() == reference.valid, joined);
+  Mem::RootPath const path(handler, root, prefix, directory, false);
+  FUZZ_CHECK(path.valid() == (reference.valid && root.substr(0, 1) == "/"), joined);
   FUZZ_CHECK(path.fullPath() == joined, path.fullPath() << " is not " << joined);
   FUZZ_CHECK(path.fullPath("") == joined, path.fullPath(""));
-  if (name.empty()) return;
-  FUZZ_CHECK(path.fullPath(name) == (joined == "/" ? "" : joined) + "/" + name, name);
+  FUZZ_CHECK(name.empty() || path.fullPath(name) == reference.joined + "/" + name, name);
 }
 
 void checkOnDisk(Scratch const& scratch, std::string const& prefix, std::string const& directory,
                  std::string const& name) {
-  Mem::RootPath path(handler(), scratch.root, prefix, directory, true);
+  scratch.begin();
+  Mem::RootPath path(handler, scratch.root, prefix, directory, true);
   bool const made = path.valid();
   FUZZ_CHECK(path.exists() == made, path.fullPath());
   FUZZ_CHECK(!made || fs::is_directory(path.fullPath()), path.fullPath());
-  bool const refused =
-      name.empty() || name.find('/') != std::string::npos || name.find('\0') != std::string::npos;
+  bool const refused = name.empty() || name.find_first_of("/\0", 0, 2) != std::string::npos;
   if (made && !refused && name.size() <= 255) std::ofstream(path.fullPath(name)) << "x";
   bool const removed = path.removeFile(name);
   FUZZ_CHECK(!removed || (!refused && !fs::exists(path.fullPath(name))), path.fullPath(name));
@@ -89,25 +74,21 @@ void checkOnDisk(Scratch const& scratch, std::string const& prefix, std::string 
 
   bool const cleaned = path.cleanup();
   FUZZ_CHECK(!cleaned || !path.exists(), path.fullPath());
-  Reference own;
-  own / directory;
-  FUZZ_CHECK(cleaned == (made && !own.joined.empty()), path.fullPath());
+  FUZZ_CHECK(cleaned == (made && !Reference(directory).joined.empty()), path.fullPath());
   FUZZ_CHECK(scratch.nothingOutsideHasChanged(), path.fullPath());
 }
 
 }  // namespace
-}  // namespace Veltro::fuzz
 
-int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
-  using namespace Veltro::fuzz;
+int run(Input& input) {
   static Scratch const scratch;
-  Input input(data, size);
   std::string const root = input.line();
   std::string const prefix = input.line();
   std::string const directory = input.line();
   std::string const name = input.line();
   checkJoined(root, prefix, directory, name);
   checkOnDisk(scratch, prefix, directory, name);
-  scratch.clear();
   return 0;
 }
+
+}  // namespace Veltro::fuzz

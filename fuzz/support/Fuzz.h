@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <iostream>
 #include <string>
+#include <vector>
 
 /// An oracle's verdict: ends the process, so that the fuzzer keeps the input. `text` is a chain
 /// of <<.
@@ -16,17 +17,14 @@
     }                                                                                        \
   } while (0)
 
-/// What the fuzzer hands to a target: 0, or -1 for an input that shall not be kept.
-extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size);
-
 namespace Veltro::fuzz {
 
 /// An input, taken from the front. Past its end bytes are 0 and texts are empty.
 class Input {
  public:
-  Input(std::uint8_t const* data, std::size_t size)
-      : text_(reinterpret_cast<char const*>(data), size) {}
+  explicit Input(std::string const& text) : text_(text) {}
 
+  std::size_t size() const { return text_.size(); }
   bool empty() const { return at_ == text_.size(); }
   unsigned byte() { return empty() ? 0 : static_cast<unsigned char>(text_[at_++]); }
   unsigned below(unsigned bound) { return byte() % bound; }
@@ -48,5 +46,15 @@ class Input {
   std::string const text_;
   std::size_t at_ = 0;
 };
+
+/// The pieces between separators; a separator at the end begins none.
+inline std::vector<std::string> split(std::string const& text, char separator) {
+  std::vector<std::string> result;
+  for (Input input(text); !input.empty();) result.push_back(input.until(separator));
+  return result;
+}
+
+/// The target. 0, or -1 for an input that shall not be kept.
+int run(Input& input);
 
 }  // namespace Veltro::fuzz
