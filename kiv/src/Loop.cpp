@@ -67,19 +67,21 @@ void Loop::_jumpUnlessReady(double deadline) {
   if (!ready && clock_.read() < deadline) clock_.jump(deadline);
 }
 
-/// For passes that have work: one compare for each reason to look. Counts the next pass in, taken
-/// to be as long as this one. The rate not known, a counter that has not moved and one that has
-/// gone back all count as much time gone by.
+/// For passes that have work: one compare for each reason to look. The rate not known, a counter
+/// that has not moved and one that has gone back all count as much time gone by.
 inline bool Loop::_lookIsDue() {
-  U32 const now = static_cast<U32>(TimeStampCounter::now());
-  U32 const pass = now - std::exchange(passedAt_, now);
-  return now - lookedAt_ + pass - 1 >= ticksPerLook_ - 1 || --passesLeft_ == 0;
+  U32 const elapsed = static_cast<U32>(TimeStampCounter::now()) - lookedAt_;
+  return elapsed - 1 >= ticksToLook_ - 1 || --passesLeft_ == 0;
 }
 
+/// The next look comes before the pass that would end too late, taken to be as long as these were.
 void Loop::_look() {
+  U32 const elapsed = static_cast<U32>(TimeStampCounter::now()) - lookedAt_;
+  U32 const pass = elapsed / (kPassesPerLook - passesLeft_ + 1);
   if (poller_.keepsRunning() || _backgroundLookIsDue()) poller_.look(0);
   clock_.read();
   _looked();
+  ticksToLook_ = pass < ticksPerLook_ ? ticksPerLook_ - pass : 1;
 }
 
 /// A call to the kernel every few microseconds is the price of serving others, not of being seen.
@@ -95,7 +97,8 @@ void Loop::_looked() {
     if (ticks > 1) ticksPerLook_ = static_cast<U32>(ticks);
   }
   passesLeft_ = kPassesPerLook;
-  lookedAt_ = passedAt_ = static_cast<U32>(TimeStampCounter::now());
+  ticksToLook_ = ticksPerLook_;
+  lookedAt_ = static_cast<U32>(TimeStampCounter::now());
 }
 
 inline void Loop::_call(Clock::Notifiee& timer) {
@@ -120,25 +123,41 @@ inline void Loop::_callBatch() {
   for (; !stop_ && !timers_.batchEmpty(); ++calls_) _call(timers_.takeFirst());
 }
 
+void Loop::_serve() {
+  calls_ += poller_.readyCount();
+  poller_.serve(reaction_, stop_);
+}
+
 /// False when the run is over.
 inline bool Loop::_pass() {
-  bool const resumed = cut_;
-  bool const idle = !resumed && _nothingDue();
-  if (idle && !_waitForWork()) return false;
+  if (cut_ || _nothingDue()) return _passWithoutWork();
   cut_ = true;
-  double const time = clock_.latest();
-  if (!resumed) timers_.take(time);  // else first what is left of the last batch
+  bool const goesOn = clock_.latest() < end_;
+  timers_.take(clock_.latest());
   _callBatch();
   cut_ = stop_;
   // After the batch, so that what the kernel says is still true when descriptors are served: one
   // that a task has just read is not found ready once more for nothing. With nothing due the next
   // pass asks, and waits.
-  if (!stop_ && !idle && (resumed || (_lookIsDue() && !_nothingDue()))) _look();
-  if (poller_.ready()) {
-    calls_ += poller_.readyCount();
-    poller_.serve(reaction_, stop_);
+  if (_lookIsDue() && !stop_ && !_nothingDue()) {
+    _look();
+    _serve();
   }
-  return time < end_;
+  return goesOn;
+}
+
+/// Waits for it; or goes on where the latest pass was cut, without a new batch.
+bool Loop::_passWithoutWork() {
+  bool const resumed = cut_;
+  if (!resumed && !_waitForWork()) return false;
+  cut_ = true;
+  bool const goesOn = clock_.latest() < end_;
+  if (!resumed) timers_.take(clock_.latest());
+  _callBatch();
+  cut_ = stop_;
+  if (resumed && !stop_) _look();
+  _serve();
+  return goesOn;
 }
 
 /// A pass, timed. One that an exception leaves is not told of.

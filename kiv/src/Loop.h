@@ -45,6 +45,7 @@ class Loop final {
   class Run;
 
   bool _pass();
+  bool _passWithoutWork();
   bool _observedPass();
   bool _nothingDue() const { return timers_.batchEmpty() && !timers_.due(clock_.latest()); }
   bool _waitForWork();
@@ -54,6 +55,7 @@ class Loop final {
   bool _backgroundLookIsDue();
   void _looked();
   void _callBatch();
+  void _serve();
   void _call(Clock::Notifiee& timer);
 
   LoopClock clock_;
@@ -78,8 +80,8 @@ class Loop final {
 
   // The low half of the counter is enough for microseconds and half the price on 32 bits.
   U32 lookedAt_ = 0;
-  U32 passedAt_ = 0;      // the latest pass with work, or the latest look
   U32 ticksPerLook_ = 1;  // 1 while the counter's rate is not known: look in every pass
+  U32 ticksToLook_ = 1;   // since the latest look
   U32 passesLeft_ = 0;
 };
 
