@@ -126,9 +126,15 @@ int Shared::_open(bool writable) const {
   // Non-blocking, for somebody may have planted a FIFO; it is refused once it is open.
   int const flags = O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | (writable ? O_RDWR : O_RDONLY);
   if (!create_) return ::open(path_.c_str(), flags);
+  // Once more when a directory has gone before the file was in it: RootPath::cleanup() elsewhere
+  // takes parents while they are empty.
+  constexpr int kTries = 100;  // a link to nowhere on the way is never there
   Kiv::UmaskGuard const guard(0);
-  makeDirectories(directory_);
-  return ::open(path_.c_str(), flags | O_CREAT, 0666);
+  for (int tries = 1;; ++tries) {
+    makeDirectories(directory_);
+    int const fd = ::open(path_.c_str(), flags | O_CREAT, 0666);
+    if (fd >= 0 || errno != ENOENT || tries == kTries) return fd;
+  }
 }
 
 int Shared::_openLocked(bool writable) const {

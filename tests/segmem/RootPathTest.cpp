@@ -5,10 +5,12 @@
 #include <sys/stat.h>
 
 #include <atomic>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <thread>
 
+#include "Mem/Shared.h"
 #include "tests/support/Child.h"
 #include "tests/support/RecordingHandler.h"
 #include "tests/support/TempDir.h"
@@ -93,6 +95,10 @@ TEST_F(RootPathTest, isMadeWhileAnotherCleansUp) {
     RootPath path(handler, temp.path(), "p", "a/b/own", true);
     EXPECT_TRUE(path.valid());
     path.cleanup();
+    RootPath segments(handler, temp.path(), "p", "a/b/segments", false);
+    Shared segment(segments.fullPath(), "file", true, Shared::SHARED_DEFAULT_FLAGS, false);
+    EXPECT_NE(nullptr, segment.attach(1, Mode::shared, true, "")) << std::strerror(errno);
+    segments.cleanup();
   }
   done = true;
   other.join();

@@ -39,6 +39,7 @@ TYPED_TEST(ScenarioTest, runsAndDescriptors) {
        [](S& s) {
          auto& a = s.watchOnce(s.pairs[0].ends[0], 'a');
          s.pairs[0].close(0);
+         ::fcntl(s.pairs[1].ends[0], F_SETFL, 0);
          a.control->setFd(s.pairs[1].ends[0]);
          EXPECT_NE(0, ::fcntl(s.pairs[1].ends[0], F_GETFL) & O_NONBLOCK);
          s.pairs[1].put();
