@@ -72,6 +72,7 @@ TEST_F(LibeventTest, controlsOutliveTheirBase) {
     leFree();
     EXPECT_TRUE(std::isinf(timer->remainingTimeout()));
   }
+  EXPECT_NE(0, ::fcntl(ends[0], F_GETFL) & O_NONBLOCK);
   timer.reset();
   fd.reset();
   EXPECT_FALSE(leInitialized());

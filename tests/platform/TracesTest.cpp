@@ -1,4 +1,5 @@
 // What the back ends write, to the letter. A record reads "level text".
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -108,6 +109,7 @@ TEST(TracesTest, typeSystemDescriptors) {
                   "onWritableCount() fd:" + fd + "writableCount:1", handled, "setWrites():0",
                   "setReads():1", "onReadableCount() fd:" + fd + "readableCount:1", handled, clear,
                   del, clear, set, orphan, del, clear));
+  EXPECT_NE(0, ::fcntl(ends[0], F_GETFL) & O_NONBLOCK);
   for (int const end : ends) ::close(end);
 }
 
