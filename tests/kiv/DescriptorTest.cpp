@@ -138,6 +138,36 @@ TEST(DescriptorTest, whatATimerHasReadIsNotServedOnceMore) {
   EXPECT_EQ(0u, watch.notifier().readableCount());
 }
 
+TEST(DescriptorTest, oneAddedInAReactionWaitsForTheNextLook) {
+  Pair pair;
+  pair.write();
+  int calls = 0;
+  std::unique_ptr<Watch> added;
+  Watch const watch(pair.ends[0], [&] {
+    if (!added) added = std::make_unique<Watch>(pair.ends[0], [&] { ++calls; });
+  });
+  for (int const expected : {0, 1}) {
+    look();
+    EXPECT_EQ(expected, calls);
+  }
+}
+
+TEST(DescriptorTest, virtualTimeJumpsOnlyWhenNothingIsReady) {
+  config().virtualTimeIs(true);
+  Pair pair;
+  pair.write();
+  std::string order;
+  Watch watch(pair.ends[0], [&] {
+    order += 'r';
+    watch.notifier().notifyOnReadableIs(order.size() < 3);
+  });
+  Timer timer([&] { order += 'T'; });
+  timer.timeMinIs(System::currentTime() + 1000);
+  System::doRun();
+  EXPECT_EQ("rrrT", order);
+  config().virtualTimeIs(false);
+}
+
 TEST(DescriptorTest, aKernelWithoutTheExactWaitWaitsLongEnough) {
   Veltro::inChild([] {
     Veltro::failSystemCall(SYS_epoll_pwait2, ENOSYS);

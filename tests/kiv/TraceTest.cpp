@@ -63,18 +63,18 @@ TEST(TraceRecordTest, theEnvironmentSaysWhatIsWritten) {
     Lines lines;
   } const cases[] = {
       {"in order on top of what is on, for old handles and new ones; what is on stays on",
-       "\t- A / 0 , *B*/0-31, -B*/2",
+       "\t- A / 0 , *aB/0-31, -aaB*/2",
        [] {
          TraceHandle("A", 3);
          TraceHandle("A", 4);
          for (unsigned level : {0u, 1u, 2u}) say("A", level, "x");
-         for (unsigned level : {2u, 31u}) say("B", level, "x");
+         for (unsigned level : {2u, 31u}) say("aaB", level, "x");
          environmentIs("TRACE", "*/2");
          for (char const* name : {"A", "C"}) {
            for (unsigned level : {0u, 1u, 2u}) say(name, level, "y");
          }
        },
-       {"A/1:x", "B/31:x", "A/1:y", "A/2:y", "C/2:y"}},
+       {"A/1:x", "aaB/31:x", "A/1:y", "A/2:y", "C/2:y"}},
       {"malformed entries: one note each, empty ones and a lone minus none",
        "A/99, ,,B/1,-,- ,/2,A/5-3,A/99",
        [] {
