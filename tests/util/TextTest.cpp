@@ -86,7 +86,7 @@ TEST(ConstStringCacheTest, holdsWhatIsReferredTo) {
     std::string const text = std::string("a\0b", random() % 4) + std::to_string(random() % 20);
     ConstStringRef& handle = handles[random() % handles.size()];
     ConstStringRef& other = handles[random() % handles.size()];
-    unsigned const act = random() % 5;
+    auto const act = random() % 5;
     if (act == 0) handle = cache.lookup(text);
     if (act == 1) handle = ConstStringRef(other);
     if (act == 2) handle = ConstStringRef(std::move(other));
