@@ -1,18 +1,16 @@
 #include "Loop.h"
 
 #include <cmath>
-#include <ctime>
 #include <utility>
 
+#include "Kiv/SteadyClock.h"
 #include "Kiv/TimeStampCounter.h"
 
 namespace Kiv {
 namespace {
 
 U64 nanoseconds() {
-  ::timespec time{};
-  ::clock_gettime(CLOCK_MONOTONIC, &time);
-  return static_cast<U64>(time.tv_sec) * 1000000000 + static_cast<U64>(time.tv_nsec);
+  return static_cast<U64>(SteadyClock::now().time_since_epoch() / std::chrono::nanoseconds(1));
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "Kiv/SteadyClock.h"
 #include "SchedDebug.h"
 #include "Veltro/DisplayPointer.h"
 #include "Veltro/TaskSchedulerHistory.h"
@@ -11,7 +12,7 @@
 namespace Veltro {
 
 namespace {
-using Clock = std::chrono::steady_clock;
+using Clock = Kiv::SteadyClock;
 constexpr std::chrono::nanoseconds kLongestQuantum = std::chrono::seconds(1);
 constexpr U32 kHighestMark = 0xfffffffe;  // the one above means "no sample"
 }  // namespace

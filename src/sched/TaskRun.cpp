@@ -3,6 +3,7 @@
 #include <chrono>
 #include <memory>
 
+#include "Kiv/SteadyClock.h"
 #include "Kiv/TimeStampCounter.h"
 #include "SchedDebug.h"
 #include "Veltro/DisplayPointer.h"
@@ -13,7 +14,7 @@
 namespace Veltro {
 
 namespace {
-using Clock = std::chrono::steady_clock;
+using Clock = Kiv::SteadyClock;
 
 /// Ticks of the time-stamp counter between two looks at the clock; 0 while the rate is not known.
 U64 yieldCheckTicks() {

@@ -4,6 +4,7 @@
 #include <atomic>
 #include <utility>
 
+#include "Kiv/SteadyClock.h"
 #include "SchedDebug.h"
 #include "Veltro/DisplayPointer.h"
 #include "Veltro/TaskSchedulerHistory.h"
@@ -12,7 +13,7 @@
 namespace Veltro {
 
 namespace {
-using Clock = std::chrono::steady_clock;
+using Clock = Kiv::SteadyClock;
 
 // Assertions of this room shall be seen without any setting.
 void enableAssertionTracesOnce() {

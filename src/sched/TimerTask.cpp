@@ -5,6 +5,7 @@
 #include <limits>
 #include <utility>
 
+#include "Kiv/SteadyClock.h"
 #include "SchedDebug.h"
 #include "Veltro/DisplayPointer.h"
 #include "Veltro/TaskSchedulerHistory.h"
@@ -13,7 +14,7 @@
 namespace Veltro {
 
 namespace {
-using Clock = std::chrono::steady_clock;
+using Clock = Kiv::SteadyClock;
 using Nanoseconds = std::chrono::nanoseconds;
 
 // The two families of delays differ in these functions only.
