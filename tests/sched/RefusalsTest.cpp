@@ -77,6 +77,22 @@ TEST_F(RefusalsTest, whatIsOutOfTurn) {
   EXPECT_FALSE(root->resetStatsInProgress());
 }
 
+TEST(ListTest, linkedTwiceIsRefusedAndADeadListLetsGo) {
+  struct Item {
+    ListLinkNode plain;
+    BookmarkListLinkNode marked;
+  } item;
+  {
+    List<Item, ListLinkNode, &Item::plain> plain;
+    BookmarkList<Item, BookmarkListLinkNode, &Item::marked> marked;
+    plain.pushBack(item);
+    marked.pushBack(item);
+    EXPECT_EQ("!( element.*ptrToLinkNode ).isLinked()", assertionOf([&] { plain.pushBack(item); }));
+    EXPECT_EQ("!link.isLinked()", assertionOf([&] { marked.pushBack(item); }));
+  }
+  EXPECT_FALSE(item.plain.isLinked() || item.marked.isLinked());
+}
+
 TEST_F(RefusalsTest, ofADescriptorTask) {
   auto const task = make<Pipe>("p");
   EXPECT_EQ("handleReadable() called with taskWatchReadable off",

@@ -70,14 +70,14 @@ struct Pipe final : FileDescriptorTask {
   int ends[2] = {-1, -1};
 };
 
+// The time-stamp counter's rate is learnt by the real clock, before a test has one of its own.
+inline bool const rateKnown = [] {
+  while (Kiv::TimeStampCounter::ticks(1s) == 0) continue;
+  return true;
+}();
+
 /// A root that the test turns by hand, under a clock that only the work of tasks moves.
 struct SchedTest : testing::Test {
-  // The time-stamp counter's rate is learnt by the real clock.
-  struct RateKnown {
-    RateKnown() {
-      while (Kiv::TimeStampCounter::ticks(1s) == 0) continue;
-    }
-  } const rateKnown;
   Outside outside;
   std::shared_ptr<TestKit> root = std::make_shared<TestKit>();
 
@@ -92,16 +92,6 @@ struct SchedTest : testing::Test {
   }
   /// At most one run of a task; true if there was one.
   bool turn() { return root->runUntilIdle(1) == 1; }
-  /// The history so far, oldest first, forgotten by this.
-  std::string events() {
-    TaskSchedulerHistory& history = *root->schedulerHistory();
-    std::string texts;
-    for (std::size_t age = history.eventCount(); age-- > 0;) {
-      texts += history.event(age).display() + "; ";
-    }
-    history.clear();
-    return texts;
-  }
 };
 
 /// The report's line, each run of blanks as one.

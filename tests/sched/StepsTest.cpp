@@ -23,9 +23,11 @@ struct StepsTest : SchedTest {
   }
   /// Events, then traces with the addresses of tasks taken out.
   std::string step(std::function<void()> const& action) {
-    events();
+    TaskSchedulerHistory& history = *root->schedulerHistory();
+    history.clear();
     std::vector<std::string> const lines = standardError(action);
-    std::string text = events();
+    std::string text;
+    for (auto age = history.eventCount(); age > 0;) text += history.event(--age).display() + "; ";
     for (std::string const& line : lines) text += line + "; ";
     return std::regex_replace(text, std::regex("\\(0x[0-9a-f]+\\)|; $"), "");
   }

@@ -1,8 +1,14 @@
+// Tasks, timer tasks, descriptor tasks, and the controls that are tasks.
+#include <map>
+
 #include "SchedSupport.h"
+#include "tests/platform/Backends.h"
 
 namespace Veltro {
 namespace {
+using std::chrono::nanoseconds;
 using TaskTest = SchedTest;
+using TimerTaskTest = SchedTest;
 
 TEST(TaskPriorityTest, forms) {
   std::ostringstream forms;
@@ -64,7 +70,7 @@ TEST_F(TaskTest, figuresOfRunsAreKeptClearedAndFoldedByNameAtDeath) {
 
 TEST_F(TaskTest, quantumViolationsAreCountedByTheirSize) {
   struct {
-    std::chrono::nanoseconds time;
+    nanoseconds time;
     unsigned twice, five;
   } const cases[] = {{39'999'999ns, 0, 0}, {40ms, 1, 0}, {99'999'999ns, 1, 0}, {100ms, 0, 1}};
   for (auto const& c : cases) {
@@ -144,6 +150,119 @@ TEST_F(TaskTest, oneThatDestroysItselfInItsRunIsNoticed) {
             assertionOf([&] { turn(); }));
   EXPECT_TRUE(turn());
   EXPECT_EQ(1u, other->taskRunCount());
+}
+
+TEST_F(TimerTaskTest, shortDelaysAreRaisedToTheRootsMinimum) {
+  root = std::make_shared<TestKit>(1, 10ms);
+  auto const timer = make<DoTimer>("t");
+  for (auto const& [delay, expected] : {std::pair{1ns, 0.010}, {-5s, 0.010}, {11ms, 0.011}}) {
+    timer->scheduleTaskDelay(delay);
+    EXPECT_EQ(expected, timer->timerRemaining());
+    timer->scheduleTaskDelay(std::chrono::duration<double>(delay).count());
+    EXPECT_NEAR(expected, timer->timerRemaining(), 2e-9);
+  }
+}
+
+TEST_F(TimerTaskTest, jitterIsUniformInHundredthsAndNeverMoreThanTheDelay) {
+  auto const task = make<DoTimer>("t");
+  std::map<nanoseconds, unsigned> seen;
+  for (int i = 0; i < 10100; ++i) ++seen[task->jitterOffset(10000ns, 50)];
+  EXPECT_EQ(101u, seen.size());
+  EXPECT_EQ(5000ns, seen.rbegin()->first);
+  for (auto const& [offset, times] : seen) {
+    EXPECT_EQ(0, offset.count() % 50);
+    EXPECT_TRUE(times > 40 && times < 180) << times;
+  }
+  // Delays at which rounding, or 64 bits, would not do.
+  auto const check = [&](auto delay) {
+    auto const offset = task->jitterOffset(delay, 100);
+    ASSERT_TRUE(offset >= decltype(delay)() && offset <= delay);
+  };
+  for (int i = 0; i < 2000; ++i) {
+    for (double delay : {0.029, 0.041, 0.058, 55.617889912237992, 1e300}) check(delay);
+    for (nanoseconds delay : {nanoseconds(24h * 12), nanoseconds::max() - 1ns, 1ns}) check(delay);
+    task->scheduleTaskJitterUp(nanoseconds::max() - 1ns, 100);  // not "never", whatever is drawn
+    ASSERT_TRUE(task->timerRunning());
+    task->scheduleTaskJitterDown(1s, 100);
+    ASSERT_TRUE(task->timerRemaining() <= 1 || task->taskStatus().taskOnRunQueue());
+    task->scheduleTaskJitterUp(1.0, 30);
+    ASSERT_TRUE(task->timerRemaining() >= 1 && task->timerRemaining() <= 1.301);
+  }
+}
+
+struct FileDescriptorTaskTest : SchedTest {
+  std::shared_ptr<Pipe> task = make<Pipe>("p", TaskPriority::high);
+};
+
+TEST_F(FileDescriptorTaskTest, theWriteTaskComesWithTheFirstInterestAndStays) {
+  task->taskWatchWritableIs(false);
+  EXPECT_EQ(1u, root->registeredTaskCount());
+  task->taskQuantumIs(3ms);
+  task->taskSuspendedForTestIs(true);
+  task->taskWatchFdIs(task->ends[0]);
+  task->taskWatchWritableIs(true);
+  task->onRead = [] { FAIL() << "reads are off"; };
+  EXPECT_EQ(0u, root->runUntilIdle(3));
+  std::vector<TaskStat> stats;
+  root->getTaskStats(&stats, true);
+  ASSERT_EQ(2u, stats.size());
+  EXPECT_EQ("p:read", stats[0].name());
+  EXPECT_EQ("p:write Sh 0 0.000 0.000 0.000 0 0 0 0 - - - - -", figures(stats[1]));
+  task->onWrite = [&] {
+    outside.nowNs += 5000000;
+    EXPECT_TRUE(task->taskShouldYield()) << "the quantum is the read task's";
+    task->taskWatchWritableIs(false);
+  };
+  task->taskSuspendedForTestIs(false);
+  EXPECT_EQ(1u, root->runUntilIdle(9));
+  EXPECT_EQ(2u, root->registeredTaskCount());
+}
+
+TEST_F(FileDescriptorTaskTest, becomingBusyOrAHandlerMayBeItsEnd) {
+  auto const drop = [this] { task.reset(); };
+  for (auto const ready : {&Pipe::handleReadable, &Pipe::handleWritable}) {
+    for (bool const inHandler : {false, true}) {
+      task = make<Pipe>("p");
+      task->taskWatchReadableIs(true);
+      task->taskWatchWritableIs(true);
+      (inHandler ? task->onRead : task->onBusy) = drop;
+      if (inHandler) task->onWrite = drop;
+      (*task.*ready)();
+      root->runUntilIdle();
+      EXPECT_EQ(0u, root->registeredTaskCount());
+    }
+  }
+}
+
+TEST_F(FileDescriptorTaskTest, theHandlersAccountsGoToTheSideThatRuns) {
+  task->taskWatchReadableIs(true);
+  task->taskWatchWritableIs(true);
+  task->onRead = [&] {
+    task->taskWorkCountInc(3);
+    throw 1;
+  };
+  task->onWrite = [&] { task->taskWorkCountInc(5); };
+  task->handleReadable();
+  task->handleWritable();
+  EXPECT_THROW(turn(), int);
+  EXPECT_EQ("Executing task not set", assertionOf([&] { task->taskWorkCountInc(1); }));
+  root->runUntilIdle();
+  EXPECT_EQ(3u, task->taskWorkCountReadableTotal());
+  EXPECT_EQ(5u, task->taskWorkCountWritableTotal());
+}
+
+// The handler of a control that goes in a run inside its run may have gone as well: nobody to ask.
+TEST_F(SchedTest, aHandlerThatReleasedItsControlIsNotAsked) {
+  Callback back;
+  back.answer = true;
+  auto callback = Platform::getCallbackControl(&back, root, TaskPriority::normal, "callback");
+  back.onCallback = [&] {
+    if (back.calls == 1) return dynamic_cast<Task&>(*callback).taskRunFromTest();
+    callback.reset();
+    throw 1;
+  };
+  callback->requestCallback();
+  EXPECT_THROW(root->runUntilIdle(), int);
 }
 }  // namespace
 }  // namespace Veltro
