@@ -38,12 +38,9 @@ class TaskGroup::ParentTask final : public Task {
   U64 _runGroup(TaskScheduler& group) {
     U64 count = 0;
     while (group.schedulerHasRunnableTasks()) {
-      if (group.schedulerRoot().suspended()) {
-        // A group task did that. Runs are ignored now; our place in the queue is what starts the
-        // group again on resuming.
-        if (group.runnableTaskCount() != 0) scheduleTask();
-        break;
-      }
+      // A group task did that. Runs are ignored now; its own has queued us, which is what starts
+      // the group again on resuming.
+      if (group.schedulerRoot().suspended()) break;
       if (group.runnableTaskCount() == 0) {
         group.handleSchedulerRun();  // finds nothing and goes idle
         break;

@@ -145,7 +145,6 @@ TEST_F(RefusalsTest, anotherThread) {
       [&] { pipe->preFdCloseCleanup(); },
       [&] { pipe->taskWatchFdDel(); },
   };
-  std::size_t const names = root->schedulerHistory()->cache().size();
   auto const elsewhere = [](std::function<void()> const& action) {
     std::string text;
     std::thread([&] {
@@ -164,7 +163,6 @@ TEST_F(RefusalsTest, anotherThread) {
   EXPECT_FALSE(task->taskSuspendedForTest() || task->taskForceYieldInTest() || root->suspended());
   EXPECT_FALSE(pipe->taskWatchReadable() || pipe->taskWatchWritable());
   EXPECT_EQ(-1, pipe->taskWatchFd());
-  EXPECT_EQ(names, root->schedulerHistory()->cache().size());
   auto const check = [&] { root->sanityCheckCurrentRunningThread(); };
   EXPECT_EQ("", assertionOf(check));
   root->threadSanityDisabledIs(true);

@@ -16,7 +16,9 @@ TaskStat stat(std::string const& name, std::chrono::nanoseconds runTime,
 TEST_F(SchedTest, theReportIsOfQueuesLiveTasksDeadOnesAndTheHistory) {
   auto const worker = make("worker", TaskPriority::high, taking(63ms));  // 63 / 1e9 is not exact
   auto const idle = make("idle");
-  make("mortal", TaskPriority::low)->taskRunFromTest();
+  auto mortal = make("mortal", TaskPriority::low);
+  mortal->work = [&](DoTask&) { mortal.reset(); };
+  mortal->taskRunFromTest();
   worker->scheduleTask();
   outside.nowNs += 12345678;
   root->runUntilIdle();

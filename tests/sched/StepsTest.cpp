@@ -106,6 +106,7 @@ TEST_F(StepsTest, ofATimerTask) {
       "Tn: timerStart t; 9 Timer jitterDown t delay 0.5 - 0 = 0.5; 8 Timer started t delay 0.5",
       of(*t, [&] { t->scheduleTaskJitterDown(0.5, 0); }));
   EXPECT_EQ("tn: timerStop  t; idle       t; 9 Timer stopped t, was running", delay(kForever));
+  EXPECT_EQ(kForever, t->timerRemaining());
   t->scheduleTaskDelay(1s);
   t->scheduleTaskDelay(std::chrono::nanoseconds::max());
   EXPECT_FALSE(t->timerRunning());
@@ -143,9 +144,8 @@ TEST_F(StepsTest, ofADescriptorTaskAndOfAControl) {
   EXPECT_EQ("schedule   p:write; busy       p:write; 8 Scheduled p:write",
             step([&] { task->handleWritable(); }));
   EXPECT_EQ("unschedule p:read; idle       p:read; 8 Unscheduled p:read",
-            step([&] { task->taskWatchReadableIs(false); }));
+            step([&] { task->taskWatchReadableIs(false), task->taskWatchReadableIs(true); }));
   EXPECT_TRUE(task->taskScheduled() && task->taskScheduledWritable() && task->taskBusy());
-  EXPECT_EQ("", step([&] { task->taskWatchReadableIs(true); }));
   EXPECT_EQ("unschedule p:write; idle       p:write; idle       p; 8 Unscheduled p:write",
             step([&] { task->taskWatchWritableIs(false); }));
 
@@ -155,31 +155,6 @@ TEST_F(StepsTest, ofADescriptorTaskAndOfAControl) {
   control->requestCallback();
   EXPECT_THAT(step([&] { turn(); }),
               testing::HasSubstr("; 9 c Callback notification exception was handled; "));
-}
-
-TEST_F(StepsTest, ofAGroup) {
-  auto const group = TaskGroup::TaskGroupIs("g", TaskPriority::high, false, root);
-  std::shared_ptr<DoTask> a, b;
-  EXPECT_EQ("create     a; 4 g Register a",
-            step([&] { a = std::make_shared<DoTask>(group, TaskPriority::normal, "a"); }));
-  b = std::make_shared<DoTask>(group, TaskPriority::absolute, "b");
-  Platform::clearVeltroDebug("TaskScheduler/1-9");
-  for (unsigned round = 1; round < 3; ++round) {  // also when the group has been idle
-    a->scheduleTask();
-    b->scheduleTask();
-    EXPECT_EQ(
-        "run start  TaskGroup;g; run start  b; run end    b; idle       b; schedule   TaskGroup;g; "
-        "run start  a; run end    a; idle       a; schedulerIdle g; run end    TaskGroup;g",
-        step([&] { turn(); }));
-    std::vector<TaskStat> stats;
-    root->getTaskStats(&stats, true);
-    EXPECT_EQ(2u * round, stats[0].taskWorkCountTotal());
-    EXPECT_EQ(
-        "run start  TaskGroup;g; run end    TaskGroup;g; idle       TaskGroup;g; schedulerIdle "
-        "TestKit",
-        step([&] { root->runUntilIdle(); }));  // once more, for the books
-    EXPECT_EQ(2 * round, group->parentTaskRunCount());
-  }
 }
 
 TEST(SchedulerSettingTest, theFirstAsksForAssertionsOnce) {
