@@ -126,6 +126,17 @@ void Loop::_serve() {
   poller_.serve(reaction_, stop_);
 }
 
+/// After the batch, so that what the kernel says is still true when descriptors are served: one
+/// that a task has just read is not found ready once more for nothing.
+void Loop::_lookAndServe() {
+  if (_nothingDue()) {
+    passesLeft_ = 1;  // the next pass asks, and waits
+  } else {
+    _look();
+    _serve();
+  }
+}
+
 /// False when the run is over.
 inline bool Loop::_pass() {
   if (cut_ || _nothingDue()) return _passWithoutWork();
@@ -134,13 +145,7 @@ inline bool Loop::_pass() {
   timers_.take(clock_.latest());
   _callBatch();
   cut_ = stop_;
-  // After the batch, so that what the kernel says is still true when descriptors are served: one
-  // that a task has just read is not found ready once more for nothing. With nothing due the next
-  // pass asks, and waits.
-  if (_lookIsDue() && !stop_ && !_nothingDue()) {
-    _look();
-    _serve();
-  }
+  if (_lookIsDue() && !stop_) _lookAndServe();
   return goesOn;
 }
 

@@ -54,6 +54,7 @@ class Loop final {
   void _look();
   bool _backgroundLookIsDue();
   void _looked();
+  void _lookAndServe();
   void _callBatch();
   void _serve();
   void _call(Clock::Notifiee& timer);
