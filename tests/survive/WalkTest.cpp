@@ -71,8 +71,8 @@ class Walk {
     explicit Actor(Walk& w) : walk(w) {}
     void timeout() override { walk._called(*this); }
     void callback() override { walk._called(*this); }
-    void readFdEvent(int fd) override { walk._ready(*this, fd, reads, readsCleared); }
-    void writeFdEvent(int fd) override { walk._ready(*this, fd, writes, writesCleared); }
+    void readFdEvent(int fd) override { walk._ready(*this, fd, reads); }
+    void writeFdEvent(int fd) override { walk._ready(*this, fd, writes); }
     bool handleTimeoutException() override { return answers; }
     bool handleCallbackException() override { return answers; }
     bool handleFdException(int) override { return answers; }
@@ -91,7 +91,6 @@ class Walk {
     std::int64_t dueNs = 0;
     unsigned long sequence = 0;
     bool reads = false, writes = false;
-    bool readsCleared = false, writesCleared = false;  // by clearEvents(), until set again
     int bound = -1;
     unsigned calls = 0;
   };
@@ -207,27 +206,21 @@ class Walk {
     switch (_below(9)) {
       case 0:
       case 1:
-        actor.reads = _below(3) != 0;
-        actor.readsCleared = actor.readsCleared && !actor.reads;
-        return control.setReads(actor.reads);
+        return control.setReads(actor.reads = _below(3) != 0);
       case 2:
-        actor.writes = _below(3) == 0;
-        actor.writesCleared = actor.writesCleared && !actor.writes;
-        return control.setWrites(actor.writes);
+        return control.setWrites(actor.writes = _below(3) == 0);
       case 3:
         actor.bound = -1;
-        _cleared(actor);
+        actor.reads = actor.writes = false;
         return control.delFd();
       case 4:
-        _cleared(actor);
+        actor.reads = actor.writes = false;
         return control.clearEvents();
       case 5:
       case 6:
-        actor.bound = socket.ends[0];
-        actor.readsCleared = actor.writesCleared = false;
-        control.setFd(actor.bound);
+        control.setFd(actor.bound = socket.ends[0]);
         // What clearEvents() leaves of the interests differs; from here on they are alike again.
-        control.setReads(actor.reads);
+        control.setReads(actor.reads = _below(3) != 0);
         return control.setWrites(actor.writes);
       case 7:
         if (::read(socket.ends[0], bytes, sizeof bytes) > 0) return;
@@ -236,7 +229,6 @@ class Walk {
         if (::write(socket.ends[1], "x", 1) != 1) return;
     }
   }
-  static void _cleared(Actor& actor) { actor.readsCleared = actor.writesCleared = true; }
 
   /// A timer's or callback's turn.
   void _called(Actor& actor) {
@@ -263,11 +255,10 @@ class Walk {
     return Backend::kExact && a.sequence < b.sequence;  // libevent's ties: within a microsecond
   }
 
-  void _ready(Actor& actor, int fd, bool interest, bool cleared) {
+  void _ready(Actor& actor, int fd, bool interest) {
     ++steps_;
     ++actor.calls;
     if (!interest) _wrong("told without interest");
-    if (cleared) _wrong("told after clearEvents() or delFd()");
     if (fd != actor.bound) _wrong("told of ", fd, ", bound to ", actor.bound);
     // Takes its time, and the loop's clock is read.
     outside_.nowNs += kTickNs;
@@ -313,7 +304,7 @@ class Walk {
     clockReader_->setTimeout(1);
     for (auto const& actor : actors_) {
       actor->calls = 0;
-      if (actor->kind == descriptor && actor->bound >= 0 && !actor->readsCleared && actor->reads) {
+      if (actor->kind == descriptor && actor->bound >= 0 && actor->reads) {
         for (auto const& socket : sockets_) {
           if (actor->bound == socket.ends[0] && ::write(socket.ends[1], "x", 1) != 1) std::abort();
         }
@@ -322,8 +313,7 @@ class Walk {
     _run(1);
     for (auto const& actor : actors_) {
       if (actor->kind != descriptor) continue;
-      bool const told =
-          actor->calls != 0 || actor->bound < 0 || actor->readsCleared || !actor->reads;
+      bool const told = actor->calls != 0 || actor->bound < 0 || !actor->reads;
       // Those that share a descriptor drain it for each other: a task may come too late.
       if (!told && !Backend::kTasks) _wrong("a ready descriptor is not told");
       actor->fdControl->delFd();
