@@ -16,8 +16,7 @@ class KIV_API System final {
   ///  1. wait for a descriptor or a deadline, if nothing is due, and take the time;
   ///  2. take the batch of notifiees due, by deadline, then by order of arming;
   ///  3. call onTime() once for each of the batch;
-  ///  4. ask the kernel for ready descriptors, unless it was asked while waiting, and take the
-  ///  time;
+  ///  4. ask the kernel for ready descriptors, unless the wait has asked, and take the time;
   ///  5. count and notify each ready descriptor whose interest still stands.
   /// While zero delays keep passes busy, step 4 is done at bounded intervals only: see the bound in
   /// the library's README. What is due when the execution time ends is delivered.
