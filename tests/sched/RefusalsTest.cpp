@@ -15,7 +15,6 @@ using RefusalsTest = SchedTest;
 TEST_F(RefusalsTest, whatIsMissingOrOutOfRange) {
   std::shared_ptr<TaskScheduler> const none;
   std::function<void()> const makers[] = {
-      [&] { DoTask(none, TaskPriority::low, "x"); },
       [&] { DoTimer(none, TaskPriority::low, "x"); },
       [&] { Pipe(none, TaskPriority::low, "x"); },
       [&] { TaskGroup::TaskGroupIs("g", TaskPriority::low, false, none); },
@@ -141,7 +140,7 @@ TEST_F(RefusalsTest, anotherThread) {
       [&] { timer->currentExpirationTime(); },
       [&] { pipe->taskWatchReadableIs(true); },
       [&] { pipe->taskWatchWritableIs(true); },
-      [&] { pipe->taskWatchFdIs(pipe->ends[0]); },
+      [&] { pipe->taskWatchFdIs(pipe->pair.ends[0]); },
       [&] { pipe->preFdCloseCleanup(); },
       [&] { pipe->taskWatchFdDel(); },
   };

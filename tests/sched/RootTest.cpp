@@ -4,7 +4,6 @@
 #include <thread>
 
 #include "SchedSupport.h"
-#include "tests/platform/Backends.h"
 
 namespace Veltro {
 namespace {
@@ -79,11 +78,11 @@ TYPED_TEST(RootTest, aDescriptorsInterestComesBackWithItsNumber) {
     pipe->onRead = [&] { log += 'r'; };
     pipe->onWrite = [&] { log += 'w'; };
     auto const logged = [&] {
-      pipe->put();
+      pipe->pair.put();
       for (int i = 0; i < 3; ++i) Platform::doEventLoop(0);
       return std::exchange(log, "").substr(0, 2);
     };
-    pipe->taskWatchFdIs(pipe->ends[0]);
+    pipe->taskWatchFdIs(pipe->pair.ends[0]);
     EXPECT_EQ("", logged()) << "no interest, no event";
     for (auto const watch : {&Pipe::taskWatchReadableIs, &Pipe::taskWatchWritableIs}) {
       outside.failIs(Outside::epollControl, 0, false, ENOMEM);
@@ -94,7 +93,7 @@ TYPED_TEST(RootTest, aDescriptorsInterestComesBackWithItsNumber) {
     for (auto const drop : {&Pipe::preFdCloseCleanup, &Pipe::taskWatchFdDel}) {
       (*pipe.*drop)();
       EXPECT_EQ("", logged());
-      pipe->taskWatchFdIs(pipe->ends[0]);
+      pipe->taskWatchFdIs(pipe->pair.ends[0]);
       EXPECT_THAT(logged(), testing::AnyOf("rw", "wr"));
     }
     EXPECT_THAT(assertionOf([&] { pipe->fdNotifiee()->readFdEvent(99); }), HasSubstr("99 == "));
@@ -154,9 +153,9 @@ TEST(RootThreadsTest, eightThreadsMayEndWithAllTheyHave) {
       for (++ready; ready < 8;) std::this_thread::yield();  // all at once
       auto const pipe = makePipe();
       pipe->onRead = [&] { pipe->taskWatchReadableIs(false); };
-      pipe->taskWatchFdIs(pipe->ends[0]);
+      pipe->taskWatchFdIs(pipe->pair.ends[0]);
       pipe->taskWatchReadableIs(true);
-      pipe->put();
+      pipe->pair.put();
       auto const busy = make<DoTask>([](DoTask& self) {
         if (self.taskRunCount() < 5000) self.scheduleTask();
       });

@@ -1,14 +1,8 @@
 #pragma once
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
-#include <functional>
 #include <regex>
 #include <sstream>
-#include <string>
-#include <utility>
 #include <vector>
 
 #include "Kiv/TimeStampCounter.h"
@@ -17,7 +11,7 @@
 #include "Veltro/TaskSchedulerHistory.h"
 #include "Veltro/TestKit.h"
 #include "src/sched/Report.h"
-#include "tests/survive/Outside.h"
+#include "tests/survive/Scene.h"
 
 namespace Veltro {
 
@@ -44,20 +38,13 @@ class Doing : public Base {
 using DoTask = Doing<Task>;
 using DoTimer = Doing<TimerTask>;
 
-/// A descriptor task whose work is two functions, with both ends of a pair of sockets.
+/// A descriptor task whose work is two functions, for the first of two sockets.
 struct Pipe final : FileDescriptorTask {
-  Pipe(std::shared_ptr<TaskScheduler> scheduler, TaskPriority priority, std::string const& name)
-      : FileDescriptorTask(std::move(scheduler), priority, name) {
-    EXPECT_EQ(0, ::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends));
-  }
-  ~Pipe() override {
-    taskWatchFdDel();
-    for (int const end : ends) ::close(end);
-  }
-  void put() const { EXPECT_EQ(1, ::write(ends[1], "x", 1)); }
+  using FileDescriptorTask::FileDescriptorTask;
+  ~Pipe() override { taskWatchFdDel(); }
   void taskExecuteReadable() override {
     char byte;
-    EXPECT_GE(1, ::recv(ends[0], &byte, 1, MSG_DONTWAIT));
+    EXPECT_GE(1, ::recv(pair.ends[0], &byte, 1, MSG_DONTWAIT));
     if (onRead) onRead();
   }
   void taskExecuteWritable() override {
@@ -66,8 +53,8 @@ struct Pipe final : FileDescriptorTask {
   void handleTaskBusy() override {
     if (auto const react = std::exchange(onBusy, nullptr)) react();
   }
+  SocketPair const pair;
   std::function<void()> onRead, onWrite, onBusy;
-  int ends[2] = {-1, -1};
 };
 
 // The time-stamp counter's rate is learnt by the real clock, before a test has one of its own.

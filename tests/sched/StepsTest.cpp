@@ -6,7 +6,6 @@
 
 #include "SchedSupport.h"
 #include "Veltro/Debug.h"
-#include "tests/platform/Backends.h"
 #include "tests/support/StandardError.h"
 
 namespace Veltro {

@@ -2,7 +2,6 @@
 #include <map>
 
 #include "SchedSupport.h"
-#include "tests/platform/Backends.h"
 
 namespace Veltro {
 namespace {
@@ -202,7 +201,7 @@ TEST_F(FileDescriptorTaskTest, theWriteTaskComesWithTheFirstInterestAndStays) {
   EXPECT_EQ(1u, root->registeredTaskCount());
   task->taskQuantumIs(3ms);
   task->taskSuspendedForTestIs(true);
-  task->taskWatchFdIs(task->ends[0]);
+  task->taskWatchFdIs(task->pair.ends[0]);
   task->taskWatchWritableIs(true);
   task->onRead = [] { FAIL() << "reads are off"; };
   EXPECT_EQ(0u, root->runUntilIdle(3));

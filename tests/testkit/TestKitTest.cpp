@@ -2,7 +2,6 @@
 
 #include <stdexcept>
 
-#include "tests/platform/Backends.h"
 #include "tests/sched/SchedSupport.h"
 
 namespace Veltro {
@@ -113,11 +112,11 @@ TEST_F(TestKitTest, realDescriptorsAreServed) {
     log += 'w';
     pipe->taskWatchFdDel();
   };
-  pipe->taskWatchFdIs(pipe->ends[0]);
+  pipe->taskWatchFdIs(pipe->pair.ends[0]);
   pipe->taskWatchReadableIs(true);
   EXPECT_EQ(0u, root->runFor(1h)) << "nothing to read: not a run";
-  pipe->put();
-  pipe->put();
+  pipe->pair.put();
+  pipe->pair.put();
   root->runUntilIdle(100);
   EXPECT_EQ("rrw", log);
   EXPECT_EQ(-1, pipe->taskWatchFd());
