@@ -214,11 +214,11 @@ TEST(ShmemManTest, whatIsRefusedIsAnException) {
     } const cases[] = {{"directory", "base", "Is a directory (21)"},
                        {"../mgr", "base", "Invalid argument (22)"},
                        {"mgr", "link", "Not a directory (20)"}};
-    for (auto const& [name, baseName, reason] : cases) {
-      auto const unmapped = Kiv::allocate<ShmemMan>(name, baseName, 4u);
+    for (auto const& c : cases) {
+      auto const unmapped = Kiv::allocate<ShmemMan>(c.name, c.baseName, 4u);
       EXPECT_THAT(tracesOf([&] {
                     EXPECT_THAT(ask(unmapped), testing::ThrowsMessage<Kiv::ErrnoException>(
-                                                   "Failed mmap file: " + std::string(reason)));
+                                                   "Failed mmap file: " + std::string(c.reason)));
                   }),
                   Contains("5 Failed to mmap " + unmapped->fileName().stdString()));
       EXPECT_EQ(0u, unmapped->mmapStartAddr());
