@@ -8,14 +8,13 @@
 #include <fstream>
 #include <sstream>
 
-#include "Kiv/ActivityManager.h"
 #include "Kiv/Exception.h"
 #include "Kiv/Model.h"
-#include "Kiv/System.h"
 #include "Veltro/Exception.h"
 #include "Veltro/InotifyWatcherHelper.h"
 #include "tests/support/StandardError.h"
 #include "tests/support/TempDir.h"
+#include "tests/support/VirtualTime.h"
 
 namespace fs = std::filesystem;
 
@@ -49,11 +48,8 @@ struct InotifyWatcherTest : testing::Test {
   }
   // Lets the loop deliver all that the kernel has queued.
   static void turn() {
-    auto& config = Kiv::ActivityManager::instance().config();
-    config.virtualTimeIs(true);
-    config.executionTimeIs(1);
-    Kiv::System::doRun();
-    config.virtualTimeIs(false);
+    VirtualTime const time;
+    Platform::doEventLoop(1);
   }
 };
 
