@@ -25,7 +25,8 @@ Kiv::TraceHandle& trace() {
 }
 
 bool tracing(unsigned level) {
-  return (*trace().facility()->levelsEnabledPtr() & (1u << level)) != 0;
+  Kiv::U32 const* const levels = trace().facility()->levelsEnabledPtr();
+  return (__atomic_load_n(levels, __ATOMIC_RELAXED) & (1u << level)) != 0;
 }
 
 void makeDirectories(std::string const& directory) {

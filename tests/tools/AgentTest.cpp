@@ -7,6 +7,7 @@
 #include <regex>
 #include <set>
 #include <sstream>
+#include <thread>
 
 #include "Veltro/LoopHealth.h"
 #include "tests/platform/Backends.h"

@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <string>
-#include <thread>
 
 #include "tests/support/TempDir.h"
 #include "tests/tools/Tool.h"
@@ -32,7 +31,9 @@ class RunningAgent {
     ::close(ends[0]);
     input_ = ends[1];
     // Both threads; a hang is the test's time limit.
-    while (agents() != 2) std::this_thread::yield();
+    while (agents() != 2) {
+      if (::waitpid(process_, nullptr, WNOHANG) != 0) throw std::runtime_error(errors());
+    }
   }
   ~RunningAgent() {
     if (process_ > 0) end();

@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cstring>
 #include <regex>
+#include <thread>
 
 #include "Veltro/Exception.h"
 #include "Veltro/StallWatchdog.h"
