@@ -126,9 +126,11 @@ void FileDescriptorTask::_dropQueued() {
   if (taskScheduledWritable()) writeTask_->unscheduleTask();
 }
 
+namespace {
+
 // Refused by the loop it is as it was: else switching it on once more would do nothing.
 template <class TellLoop>
-static void switchTo(bool& watch, bool on, TellLoop const& tellLoop) {
+void switchTo(bool& watch, bool on, TellLoop const& tellLoop) {
   watch = on;
   try {
     tellLoop();
@@ -137,6 +139,8 @@ static void switchTo(bool& watch, bool on, TellLoop const& tellLoop) {
     throw;
   }
 }
+
+}  // namespace
 
 void FileDescriptorTask::taskWatchReadableIs(bool on) {
   sanityCheckCurrentRunningThread();
